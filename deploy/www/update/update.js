@@ -242,10 +242,15 @@
         setState('Starting the update. Keep this page open until it has ended.');
         const savedBefore = await get(SAVED_LOG);
 
-        // Entries already in the log (an earlier update's) are not this one's.
+        // An earlier update's entries, up to its final one, are not this
+        // update's; the device reboots after a success, but may not have.
         const before = await get(CGI + '?request=1');
         let baseText = before ? before.text : '';
-        let baseCount = parseLog(baseText).length;
+        const earlier = parseLog(baseText);
+        let baseCount = 0;
+        earlier.forEach((entry, i) => {
+            if (entry.success || entry.error) baseCount = i + 1;
+        });
 
         let sentAll = false;
         let posted = false;
@@ -336,12 +341,13 @@
                 continue;
             }
             if (down) {
-                setState('The device is back.');
+                setOutcome('The device is back. The result of the last update is shown above.',
+                    'success');
                 await refreshLast();
                 return idle();
             }
             if (Date.now() - start > REBOOT_GIVE_UP_MS) {
-                setState('The device has not restarted; it answers as before.', 'warn');
+                setOutcome('The device has not restarted; it answers as before.', 'error');
                 await refreshLast();
                 return idle();
             }

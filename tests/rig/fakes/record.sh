@@ -1,0 +1,13 @@
+# Sourced by every fake. Appends one line to the record shared with the test:
+# "record" holds the bare call, "record-detail" the same prefixed with the uid.
+PATH=/usr/bin:/bin
+export PATH
+fake_dir=/run/fake
+record() {
+    printf '%s\n' "$*" >>"$fake_dir/record"
+    printf 'uid=%s %s\n' "$(id -u)" "$*" >>"$fake_dir/record-detail"
+}
+# Prints the content of a setting file, or the default when it is absent.
+setting() {
+    if [ -f "$fake_dir/$1" ]; then cat "$fake_dir/$1"; else printf '%s' "$2"; fi
+}

@@ -1,10 +1,10 @@
 #include "entry/cgi_dispatch.h"
 
+#include <unistd.h>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
-#include <unistd.h>
 
 #include "entry/update_driver.h"
 #include "state/update_error.h"
@@ -20,11 +20,17 @@ namespace {
 constexpr char status_free[] = "STATUS_FREE";
 constexpr char status_busy[] = "STATUS_BUSY";
 
-bool upload_in_progress() { return file_tools().find_prefixed(paths::upload_dir, paths::upload_prefix); }
+bool upload_in_progress() {
+    return file_tools().find_prefixed(paths::upload_dir, paths::upload_prefix);
+}
 
-void answer(std::string_view text) { write_all(STDOUT_FILENO, text); }
+void answer(std::string_view text) {
+    write_all(STDOUT_FILENO, text);
+}
 
-void run_shell(const char* command) { [[maybe_unused]] int ignored = std::system(command); }
+void run_shell(const char* command) {
+    [[maybe_unused]] int ignored = std::system(command);
+}
 
 // Prefix test on the raw value: "GETX" is a GET, "GE" is nothing.
 bool method_is(const char* method, std::string_view word) {
@@ -77,7 +83,8 @@ int progress_request() {
         return 0;
     }
     if (!upload_in_progress()) {
-        if (!status.log_exists()) status.add_line("waiting for file ...", 1);
+        if (!status.log_exists())
+            status.add_line("waiting for file ...", 1);
         status.print_log();
         return 0;
     }
@@ -93,9 +100,12 @@ int progress_request() {
 
 int get_request() {
     const char* query = std::getenv("QUERY_STRING");
-    if (query == nullptr) return reset_request();
-    if (std::strstr(query, "reboot") != nullptr) return reboot_request();
-    if (std::strstr(query, "status") != nullptr) return lock_state_request();
+    if (query == nullptr)
+        return reset_request();
+    if (std::strstr(query, "reboot") != nullptr)
+        return reboot_request();
+    if (std::strstr(query, "status") != nullptr)
+        return lock_state_request();
     return progress_request();
 }
 
@@ -116,8 +126,11 @@ int run_cgi_mode() {
     std::signal(SIGQUIT, termination_handler);
 
     const char* method = std::getenv("REQUEST_METHOD");
-    if (method == nullptr) return 0;
-    if (method_is(method, "GET")) return get_request();
-    if (method_is(method, "POST")) return update_request();
+    if (method == nullptr)
+        return 0;
+    if (method_is(method, "GET"))
+        return get_request();
+    if (method_is(method, "POST"))
+        return update_request();
     return 0;
 }

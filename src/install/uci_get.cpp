@@ -1,8 +1,8 @@
 #include "install/uci_get.h"
 
+#include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
-#include <unistd.h>
 
 #include "support/device_paths.h"
 
@@ -21,7 +21,8 @@ std::string uci_get(const std::string& key) {
 
     std::string word;
     FILE* output = std::fopen(paths::uci_output, "re");
-    if (output == nullptr) return word;
+    if (output == nullptr)
+        return word;
     int c;
     do {
         c = std::getc(output);

@@ -13,10 +13,13 @@ debug_trace& debug_trace::instance() {
 
 debug_trace::debug_trace() : file(open_for_append(paths::trace_file)) {}
 
-debug_trace::~debug_trace() { close(); }
+debug_trace::~debug_trace() {
+    close();
+}
 
 debug_trace& debug_trace::write(std::string_view text) {
-    if (text.empty()) return *this;
+    if (text.empty())
+        return *this;
     if (line.empty()) {
         line = format_timestamp();
         line += ' ';
@@ -24,14 +27,16 @@ debug_trace& debug_trace::write(std::string_view text) {
     line += text;
     char last = text.back();
     if (last == '\n' || last == '\r') {
-        if (file >= 0) write_all(file, line);
+        if (file >= 0)
+            write_all(file, line);
         line.clear();
     }
     return *this;
 }
 
 void debug_trace::close() {
-    if (file < 0) return;
+    if (file < 0)
+        return;
     ::close(file);
     file = -1;
 }

@@ -22,16 +22,21 @@ time_value start{0, 0};
 
 }  // namespace
 
-std::string format_timestamp() { return format_timestamp(now()); }
+std::string format_timestamp() {
+    return format_timestamp(now());
+}
 
 // A time before the epoch still gives a well-formed stamp: the seconds wrap
 // into 0..719 like any other, and milliseconds are kept within 0..999.
 std::string format_timestamp(time_value value) {
     int64_t seconds = value.seconds % 720;
-    if (seconds < 0) seconds += 720;
+    if (seconds < 0)
+        seconds += 720;
     int64_t millis = value.microseconds / 1000;
-    if (millis < 0) millis = 0;
-    if (millis > 999) millis = 999;
+    if (millis < 0)
+        millis = 0;
+    if (millis > 999)
+        millis = 999;
 
     std::string stamp(7, '.');
     put_three_digits(&stamp[0], seconds);
@@ -53,6 +58,7 @@ std::string elapsed_timestamp() {
         diff.microseconds += 1000000;
         diff.seconds -= 1;
     }
-    if (diff.seconds < 0) diff = {0, 0};
+    if (diff.seconds < 0)
+        diff = {0, 0};
     return format_timestamp(diff);
 }

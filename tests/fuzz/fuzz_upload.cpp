@@ -2,13 +2,13 @@
 // Input layout: the first line is CONTENT_TYPE, the rest is the body; an
 // input whose first byte is '0' also sends CONTENT_LENGTH 0.
 // Runs inside the device root: the package file is the real /tmp one.
+#include <sys/mman.h>
+#include <unistd.h>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include "support/fd_io.h"
 #include "upload/uploader.h"
@@ -27,11 +27,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ::setenv("CONTENT_TYPE", type.c_str(), 1);
 
     int fd = ::memfd_create("body", 0);
-    if (fd < 0) std::abort();
+    if (fd < 0)
+        std::abort();
     write_all(fd, body);
     ::lseek(fd, 0, SEEK_SET);
     int result = uploader(fd).run();
     ::close(fd);
-    if (result != 0 && result != 1 && result != -2) std::abort();
+    if (result != 0 && result != 1 && result != -2)
+        std::abort();
     return 0;
 }

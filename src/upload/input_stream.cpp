@@ -8,13 +8,11 @@
 input_stream::input_stream(int input_fd) : fd(input_fd), buffer(new char[capacity]) {}
 
 bool input_stream::refill() {
-    if (ended)
-        return false;
+    if (ended) return false;
     begin = end = 0;
     for (;;) {
         ssize_t got = ::read(fd, buffer.get(), capacity);
-        if (got < 0 && errno == EINTR)
-            continue;
+        if (got < 0 && errno == EINTR) continue;
         if (got <= 0) {
             ended = true;
             return false;
@@ -27,21 +25,18 @@ bool input_stream::refill() {
 input_stream::line_result input_stream::read_line(std::string& line, size_t max_length) {
     line.clear();
     for (;;) {
-        if (begin == end && !refill())
-            return line_result::end;
+        if (begin == end && !refill()) return line_result::end;
         const char* from = buffer.get() + begin;
         size_t available = end - begin;
         const void* newline = std::memchr(from, '\n', available);
         size_t take =
             newline ? static_cast<size_t>(static_cast<const char*>(newline) - from) : available;
-        if (line.size() + take > max_length)
-            return line_result::too_long;
+        if (line.size() + take > max_length) return line_result::too_long;
         line.append(from, take);
         begin += take;
         if (newline) {
             ++begin;  // the LF itself
-            if (!line.empty() && line.back() == '\r')
-                line.pop_back();
+            if (!line.empty() && line.back() == '\r') line.pop_back();
             return line_result::ok;
         }
     }
@@ -53,8 +48,7 @@ size_t input_stream::read_block(char* destination, size_t size) {
     while (have < size) {
         if (begin == end) {
             waited = true;
-            if (!refill())
-                break;
+            if (!refill()) break;
         }
         size_t take = std::min(size - have, end - begin);
         std::memcpy(destination + have, buffer.get() + begin, take);

@@ -32,7 +32,7 @@ class input_stream {
   private:
     bool refill();
 
-    static constexpr size_t capacity = 64 * 1024;
+    static constexpr size_t capacity = size_t{64} * 1024;
     int fd;
     std::unique_ptr<char[]> buffer;
     size_t begin = 0;

@@ -19,8 +19,7 @@ claim current_claim = claim::open;
 
 bool try_claim(claim who) {
     std::lock_guard<std::mutex> guard(claim_mutex);
-    if (current_claim != claim::open)
-        return false;
+    if (current_claim != claim::open) return false;
     current_claim = who;
     return true;
 }
@@ -30,8 +29,7 @@ bool try_claim(claim who) {
 upload_watchdog::upload_watchdog(void* owner_object) : owner(owner_object) {}
 
 upload_watchdog::~upload_watchdog() {
-    if (running)
-        stop();
+    if (running) stop();
 }
 
 int upload_watchdog::start() {
@@ -44,15 +42,13 @@ int upload_watchdog::start() {
     event.sigev_notify_function = &upload_watchdog::on_expiry;
     event.sigev_notify_attributes = nullptr;
     event.sigev_value.sival_ptr = owner;
-    if (timer_create(CLOCK_REALTIME, &event, &timer) != 0)
-        return -1;
+    if (timer_create(CLOCK_REALTIME, &event, &timer) != 0) return -1;
     running = true;
     return rearm();
 }
 
 int upload_watchdog::rearm() {
-    if (!running)
-        return 0;
+    if (!running) return 0;
     itimerspec countdown{};
     countdown.it_value.tv_sec = period_seconds;
     countdown.it_interval.tv_sec = period_seconds;
@@ -60,21 +56,21 @@ int upload_watchdog::rearm() {
 }
 
 int upload_watchdog::stop() {
-    if (!running)
-        return 0;
+    if (!running) return 0;
     running = false;
     bool expiry_has_begun = !try_claim(claim::stopped);
     int result = timer_delete(timer);
     // The expiry action is ending the update and will exit the process; the
     // main thread must not go on to report in parallel.
-    while (expiry_has_begun)
-        ::pause();
+    if (expiry_has_begun) {
+        for (;;)
+            ::pause();
+    }
     return result;
 }
 
 void upload_watchdog::on_expiry(sigval) {
-    if (!try_claim(claim::expired))
-        return;
+    if (!try_claim(claim::expired)) return;
     updater_unlock();
     int result = update_error::instance().end_update_with_error(ERROR_UPLOAD_TIMEOUT);
     std::exit(result);

@@ -27,13 +27,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ::setenv("CONTENT_TYPE", type.c_str(), 1);
 
     int fd = ::memfd_create("body", 0);
-    if (fd < 0)
-        std::abort();
+    if (fd < 0) std::abort();
     write_all(fd, body);
     ::lseek(fd, 0, SEEK_SET);
     int result = uploader(fd).run();
     ::close(fd);
-    if (result != 0 && result != 1 && result != -2)
-        std::abort();
+    if (result != 0 && result != 1 && result != -2) std::abort();
     return 0;
 }

@@ -86,15 +86,26 @@ struct device_root::process::state {
     std::string out, err;
     bool waited = false;
 
+    int wake_read = -1;  // readable once the program has been reaped
+    int wake_write = -1;
+
+    // Reads stdout and stderr until both reach end of file. A child of the
+    // program that outlives it (a fake still sleeping after a kill) keeps them
+    // open: after the wake-up, give up once nothing came for a moment.
     void drain() {
-        pollfd fds[2] = {{out_fd, POLLIN, 0}, {err_fd, POLLIN, 0}};
+        pollfd fds[3] = {{out_fd, POLLIN, 0}, {err_fd, POLLIN, 0}, {wake_read, POLLIN, 0}};
         int open_fds = 2;
+        int idle_ms = -1;
         char buf[65536];
         while (open_fds > 0) {
-            if (::poll(fds, 2, -1) < 0) {
-                if (errno == EINTR)
-                    continue;
+            const int ready = ::poll(fds, 3, idle_ms);
+            if (ready < 0 && errno == EINTR)
+                continue;
+            if (ready <= 0)
                 break;
+            if (fds[2].revents != 0) {
+                fds[2].fd = -1;
+                idle_ms = 500;
             }
             for (int i = 0; i < 2; ++i) {
                 if (fds[i].fd < 0 || fds[i].revents == 0)
@@ -117,6 +128,10 @@ struct device_root::process::state {
                     std::fwrite(buf, 1, len, stderr);
                 }
             }
+        }
+        for (int i = 0; i < 2; ++i) {
+            if (fds[i].fd >= 0)
+                ::close(fds[i].fd);
         }
         out_fd = err_fd = -1;
     }
@@ -210,8 +225,10 @@ run_result device_root::process::wait() {
         ::usleep(1000);
     }
     s_->waited = true;
+    ::close(s_->wake_write);
     if (s_->reader.joinable())
         s_->reader.join();
+    ::close(s_->wake_read);
     result.out = std::move(s_->out);
     result.err = std::move(s_->err);
     if (WIFEXITED(status)) {
@@ -373,9 +390,9 @@ device_root::process device_root::spawn_command(const std::vector<std::string>& 
 
     // A child that stops reading must not kill the test with SIGPIPE.
     ::signal(SIGPIPE, SIG_IGN);
-    int in[2], out[2], err[2];
+    int in[2], out[2], err[2], wake[2];
     if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 ||
-        ::pipe2(err, O_CLOEXEC) != 0) {
+        ::pipe2(err, O_CLOEXEC) != 0 || ::pipe2(wake, O_CLOEXEC) != 0) {
         throw std::runtime_error("pipe failed");
     }
     const pid_t child = ::fork();
@@ -400,6 +417,8 @@ device_root::process device_root::spawn_command(const std::vector<std::string>& 
     s->in_fd = in[1];
     s->out_fd = out[0];
     s->err_fd = err[0];
+    s->wake_read = wake[0];
+    s->wake_write = wake[1];
     s->reader = std::thread([st = s.get()] { st->drain(); });
     return process(std::move(s));
 }

@@ -175,6 +175,11 @@ TEST(Results, SpawnedProcessesAreSignalledByPid) {
     // The pid the test signals is the program's own, not bwrap's.
     EXPECT_EQ(a.out, "ready " + std::to_string(first.pid()) + "\n");
 
+    // A child left behind holding stdout does not hold up the result.
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(root.run_command({"/bin/sh", "-c", "sleep 3 & exit 4"}, {}).exit_status, 4);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+
     run_options brief;
     brief.timeout_seconds = 0.3;
     const run_result hung = root.run_command(probe({"wait", "/tmp/hung"}), brief);

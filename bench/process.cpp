@@ -1,21 +1,29 @@
 #include "process.h"
 
-#include <cerrno>
 #include <fcntl.h>
-#include <fstream>
 #include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <cerrno>
+#include <fstream>
 
 extern char** environ;
 
 namespace {
 std::vector<char*> pointers(const std::vector<std::string>& strings) {
     std::vector<char*> result;
-    for (const std::string& s : strings) result.push_back(const_cast<char*>(s.c_str()));
+    for (const std::string& s : strings)
+        result.push_back(const_cast<char*>(s.c_str()));
     result.push_back(nullptr);
     return result;
+}
+
+double cpu_seconds_of(const rusage& usage) {
+    auto seconds = [](const timeval& t) {
+        return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6;
+    };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 }  // namespace
 
@@ -40,8 +48,17 @@ reaped reap(pid_t pid) {
     do {
         got = ::wait4(pid, &result.status, 0, &usage);
     } while (got < 0 && errno == EINTR);
-    if (got == pid) result.maxrss_kib = usage.ru_maxrss;
+    if (got == pid) {
+        result.maxrss_kib = usage.ru_maxrss;
+        result.cpu_seconds = cpu_seconds_of(usage);
+    }
     return result;
+}
+
+double own_cpu_seconds() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return cpu_seconds_of(usage);
 }
 
 long peak_rss_kib(pid_t pid) {
@@ -59,7 +76,8 @@ long peak_rss_kib(pid_t pid) {
 
 std::vector<std::string> environment_with(const std::vector<std::string>& extra) {
     std::vector<std::string> result;
-    for (char** entry = environ; *entry != nullptr; ++entry) result.emplace_back(*entry);
+    for (char** entry = environ; *entry != nullptr; ++entry)
+        result.emplace_back(*entry);
     result.insert(result.end(), extra.begin(), extra.end());
     return result;
 }

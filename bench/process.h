@@ -1,7 +1,7 @@
 #pragma once
 
-#include <string>
 #include <sys/types.h>
+#include <string>
 #include <vector>
 
 // Whole processes for the benchmarks: started with posix_spawn, so that the
@@ -18,10 +18,14 @@ struct spawn_spec {
 pid_t spawn(const spawn_spec& spec);
 
 struct reaped {
-    int status = -1;       // as from waitpid
-    long maxrss_kib = -1;  // ru_maxrss: the process, or a reaped child of it if larger
+    int status = -1;         // as from waitpid
+    long maxrss_kib = -1;    // ru_maxrss: the process, or a reaped child of it if larger
+    double cpu_seconds = 0;  // user and system time
 };
 reaped reap(pid_t pid);
+
+// User and system time of this process so far, all threads.
+double own_cpu_seconds();
 
 // Peak resident set of a running process ("VmHWM" of /proc/PID/status),
 // its own, children not included; -1 when unknown.

@@ -92,6 +92,17 @@ END {
         row((q ? "lock-state" : "progress") " requests/s through lighttpd (wrk)",
             fmt("%.0f /s", u), fmt("minimal C CGI %.0f /s", m), fmt("%.2f", u / m),
             ">= 0.8", verdict(u / m >= 0.8));
+        us = get("lighttpd/" request, "updater_static_rps");
+        if (us != "")
+            row("the same, static program", fmt("%.0f /s", us), "", fmt("%.2f", us / m),
+                ">= 0.8", verdict(us / m >= 0.8));
+    }
+
+    if (get("syscalls", "progress") != "") {
+        row("system calls per request (strace -c): progress / lock-state",
+            get("syscalls", "progress") " / " get("syscalls", "lock_state"),
+            "do-nothing C++ " get("syscalls", "noop") ", minimal C CGI " get("syscalls", "minimal_progress") " / " get("syscalls", "minimal_lock_state"),
+            "", "", "");
     }
 
     nd = get("sizes", "native_dynamic"); ns = get("sizes", "native_static");
@@ -117,6 +128,7 @@ set title "Upload reassembly against cat (same body, same file system, sync left
 set xlabel "package size (MiB)"
 set ylabel "throughput (MB/s)"
 set logscale x 2
+set xrange [3:320]
 set xtics (4, 16, 64, 128, 256)
 set yrange [0:*]
 set key bottom right

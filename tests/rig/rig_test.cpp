@@ -131,7 +131,8 @@ TEST(Results, ExitStatusesAndBytesComeBackExactly) {
     run_options big;
     big.stdin_data.resize(5 << 20);
     std::mt19937 gen(7);
-    for (char& c : big.stdin_data) c = static_cast<char>(gen() & 0xff);
+    for (char& c : big.stdin_data)
+        c = static_cast<char>(gen() & 0xff);
     big.stdin_data[0] = '\0';
     const run_result r = root.run_command(probe({"cat"}), big);
     EXPECT_EQ(r.exit_status, 0);
@@ -140,16 +141,23 @@ TEST(Results, ExitStatusesAndBytesComeBackExactly) {
 
 TEST(Results, SpawnedProcessesAreSignalledByPid) {
     device_root root;
+    // Both probes mark the same file: wait for each in turn, or the first may
+    // be signalled before it has printed (likely under an emulator).
+    auto wait_ready = [&root] {
+        for (int i = 0; i < 1000 && !root.exists("/tmp/probe-ready"); ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        root.remove("/tmp/probe-ready");
+    };
     device_root::process first = root.spawn_command(probe({"wait"}), {});
+    wait_ready();
     run_options as_user;
     as_user.uid = 1000;
     device_root::process second = root.spawn_command(probe({"wait"}), as_user);
+    wait_ready();
     ASSERT_GT(first.pid(), 0);
     ASSERT_GT(second.pid(), 0);
     EXPECT_NE(first.pid(), second.pid());
-    for (int i = 0; i < 1000 && !root.exists("/tmp/probe-ready"); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
     first.kill(SIGTERM);
     second.kill(SIGINT);
     const run_result a = first.wait();

@@ -96,7 +96,7 @@ TEST_F(Dispatch, UploadWhileLockedWithoutLogEndsWithError10) {
     run_result result = get("request=1");
     EXPECT_EQ(result.exit_status, 246);
     EXPECT_EQ(result.out, "");
-    EXPECT_EQ(root.read(saved_log_path).substr(7),
+    EXPECT_EQ(root.read(saved_log_path).substr(8),
               "] ERROR: update already in progress, please retry later.<br>");
     EXPECT_NE(root.read(saved_trace_path).find("updater_lock() can't lock\n"), std::string::npos);
     for (const std::string& path : {lock_path, status_path, log_path, trace_path}) {

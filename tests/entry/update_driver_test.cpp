@@ -23,8 +23,9 @@ std::string sha256_of(device_root& root, const std::string& device_path) {
 
 class WholeUpdate : public ::testing::Test {
 protected:
-    // The page's first poll while lighttpd still receives the body.
+    // The page polls before it posts, then while lighttpd receives the body.
     void announce_upload() {
+        ASSERT_EQ(root.run(get_request("request=1")).out, "[000.000:1] waiting for file ...<br>");
         root.write(upload_file_path, "partial");
         ASSERT_EQ(root.run(get_request("request=1")).exit_status, 0);
         ASSERT_EQ(root.read(status_path), "1");
@@ -90,8 +91,8 @@ TEST_P(WholeUpdateAs, InstallsExactlyTheUploadedBytesThenReboots) {
                                  ":60] stopping the application ...<br>",
                                  ":80] installing package file ...<br>",
                                  ":100] update completed<br>",
-                                 ":100] <font color=#2020ff><b>update completed, firmware "
-                                 "successfully loaded<br>"};
+                                 (":100] <font color=#2020ff><b>update completed, firmware "
+                                  "successfully loaded<br>")};
         const std::string saved = root.read(saved_log_path);
         size_t at = 0;
         for (const char* entry : entries) {
@@ -194,7 +195,7 @@ TEST_F(FailedUpdate, StalledBodyTimesOutAndFreesTheLock) {
     device_root::process update = root.spawn(post);
     update.write_stdin(file_part_header() + std::string(5000, 'x'));
     auto stalled = steady_clock::now();
-    run_result result = update.wait();
+    run_result result = update.wait(false);
     EXPECT_GE(steady_clock::now() - stalled, milliseconds(1900));
     expect_ended(result, 250, "upload timeout");
     EXPECT_NE(root.read(saved_log_path).find(":40] ERROR: upload timeout<br>"), std::string::npos);

@@ -169,10 +169,10 @@ void device_root::process::kill(int sig) const {
     if (p > 0) ::kill(p, sig);
 }
 
-run_result device_root::process::wait() {
+run_result device_root::process::wait(bool close_input) {
     run_result result;
     if (s_->waited) return result;
-    close_stdin();
+    if (close_input) close_stdin();
     int status = 0;
     for (;;) {
         const pid_t r = ::waitpid(s_->launcher_pid, &status, WNOHANG);

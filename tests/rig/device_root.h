@@ -69,7 +69,9 @@ public:
         bool write_stdin(const std::string& bytes);  // false once the reader is gone
         void close_stdin();
         void kill(int sig) const;
-        run_result wait();
+        // Closes standard input first unless told to keep it open (a stalled
+        // client keeps its connection).
+        run_result wait(bool close_input = true);
 
     private:
         friend class device_root;

@@ -15,13 +15,17 @@ struct cgi_variables {
     const char* type;
 };
 
-int check(cgi_variables variables, upload_request& request) {
+void set_variables(cgi_variables variables) {
     auto set = [](const char* name, const char* value) {
         if (value) ::setenv(name, value, 1);
         else ::unsetenv(name);
     };
     set("CONTENT_LENGTH", variables.length);
     set("CONTENT_TYPE", variables.type);
+}
+
+int check(cgi_variables variables, upload_request& request) {
+    set_variables(variables);
     return uploader().parse_cgi_request(request);
 }
 
@@ -64,7 +68,8 @@ TEST(RequestCheck, RejectsEverythingElseWithBadHeaderAndReadsNothing) {
     for (const cgi_variables& variables : rejected) {
         SCOPED_TRACE(std::string(variables.length ? variables.length : "(unset)") + " / " +
                      (variables.type ? variables.type : "(unset)"));
-        ::unlink("/tmp/saved-log");
+        ::unlink((std::string(paths::persistent_dir) + "updater-cgi.log").c_str());
+        set_variables(variables);
         EXPECT_EXIT(
             {
                 int input = ::open("/tmp/unread-body", O_RDONLY);

@@ -50,8 +50,10 @@ device_start() {  # [launcher options...]
     for try in 1 2 3 4 5 6; do
         PORT=${E2E_PORT:-$((20000 + (RANDOM * 32768 + RANDOM) % 12000))}
         port_in_use "$PORT" && continue
-        "$E2E_DIR/device-lighttpd" --root "$ROOT" --port "$PORT" --updater "$UPDATER_BIN" \
-            --adaptor "$CGI_HEADER_BIN" "$@" >>"$ROOT/lighttpd.out" 2>&1 &
+        # A session of its own, so that device_stop can end whatever the
+        # server started and left behind (a CGI's shell commands).
+        setsid "$E2E_DIR/device-lighttpd" --root "$ROOT" --port "$PORT" \
+            --updater "$UPDATER_BIN" --adaptor "$CGI_HEADER_BIN" "$@" >>"$ROOT/lighttpd.out" 2>&1 &
         DEVICE_JOB=$!
         local i
         for i in $(seq 100); do
@@ -64,19 +66,21 @@ device_start() {  # [launcher options...]
             kill -0 "$DEVICE_JOB" 2>/dev/null || break
             sleep 0.05
         done
-        kill "$DEVICE_JOB" 2>/dev/null
-        wait "$DEVICE_JOB" 2>/dev/null
-        [ -n "${E2E_PORT:-}" ] && break
+        kill "$DEVICE_JOB" 2>/dev/null || true
+        wait "$DEVICE_JOB" 2>/dev/null || true
+        if [ -n "${E2E_PORT:-}" ]; then break; fi
     done
     echo "lighttpd did not start; its output:" >&2
     cat "$ROOT/lighttpd.out" >&2
     return 1
 }
 
+# Safe under set -e (scripts/demo): the processes may be gone already.
 device_stop() {
     [ -n "${DEVICE_JOB:-}" ] || return 0
-    [ -n "${LIGHTTPD_PID:-}" ] && kill "$LIGHTTPD_PID" 2>/dev/null
-    wait "$DEVICE_JOB" 2>/dev/null
+    if [ -n "${LIGHTTPD_PID:-}" ]; then kill "$LIGHTTPD_PID" 2>/dev/null || true; fi
+    wait "$DEVICE_JOB" 2>/dev/null || true
+    kill -- "-$DEVICE_JOB" 2>/dev/null || true
     DEVICE_JOB= LIGHTTPD_PID=
 }
 

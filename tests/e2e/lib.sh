@@ -134,3 +134,35 @@ poll_progress() {  # file
         sleep 0.15
     done
 }
+
+# Samples the device's files from the host about every 2 ms until the file
+# "stop-sampling" appears, one line a sample: time in seconds, lock file
+# present (0/1), upload file present (0/1), content of the status file (- when
+# absent, empty for state 0). Builtins only, so the samples come fast without
+# costing a core.
+sample_files() {  # file
+    local fifo=$ROOT/sampler.fifo lock upload state
+    rm -f "$fifo" "$ROOT/stop-sampling"
+    mkfifo "$fifo"
+    exec 9<>"$fifo"
+    : >"$1"
+    while [ ! -e "$ROOT/stop-sampling" ]; do
+        lock=0 upload=0 state=-
+        [ -e "$ROOT/var-log/updater-cgi.lock" ] && lock=1
+        has_upload_file && upload=1
+        if [ -e "$ROOT/var-log/updater-cgi.status" ]; then
+            state=
+            read -r state <"$ROOT/var-log/updater-cgi.status" 2>/dev/null
+        fi
+        echo "$EPOCHREALTIME $lock $upload ${state:-0}" >>"$1"
+        read -r -t 0.002 -u 9 || true
+    done
+    exec 9<&-
+}
+
+# From samples: milliseconds from the upload file's disappearance (lighttpd
+# starts the POST process) to state 2 written (the update has taken over).
+window_ms() {  # samples
+    awk '$3 == 1 { seen = 1 } seen && $3 == 0 && !gone { gone = $1 }
+         gone && $4 == 2 { printf "%.0f\n", ($1 - gone) * 1000; exit }' "$1"
+}

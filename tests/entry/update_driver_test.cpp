@@ -91,8 +91,8 @@ TEST_P(WholeUpdateAs, InstallsExactlyTheUploadedBytesThenReboots) {
                                  ":60] stopping the application ...<br>",
                                  ":80] installing package file ...<br>",
                                  ":100] update completed<br>",
-                                 ":100] <font color=#2020ff><b>update completed, firmware "
-                                 "successfully loaded<br>"};
+                                 (":100] <font color=#2020ff><b>update completed, firmware "
+                                  "successfully loaded<br>")};
         const std::string saved = root.read(saved_log_path);
         size_t at = 0;
         for (const char* entry : entries) {

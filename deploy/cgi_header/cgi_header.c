@@ -12,11 +12,13 @@ int main(int argc, char** argv) {
     /* A wrong cgi.assign would otherwise show as an empty page with 200;
        checking before the header is written lets it show as 500 instead. */
     if (argc != 2 || access(argv[1], X_OK) != 0) {
-        if (write(STDOUT_FILENO, broken, sizeof broken - 1) < 0) return 1;
+        ssize_t ignored = write(STDOUT_FILENO, broken, sizeof broken - 1);
+        (void)ignored;
         return 1;
     }
     /* 52 bytes into a pipe are written whole or not at all. */
-    if (write(STDOUT_FILENO, header, sizeof header - 1) != (ssize_t)(sizeof header - 1)) return 1;
+    if (write(STDOUT_FILENO, header, sizeof header - 1) != (ssize_t)(sizeof header - 1))
+        return 1;
     char* const args[] = {argv[1], 0};
     execv(argv[1], args);
     return 127;

@@ -2,11 +2,11 @@
 // Small helpers for tests that run inside the device root and look at its
 // fixed files directly.
 
+#include <sys/stat.h>
+#include <unistd.h>
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <sys/stat.h>
-#include <unistd.h>
 
 inline std::string read_file(const std::string& path) {
     std::ifstream in(path, std::ios::binary);

@@ -1,10 +1,10 @@
 #include "entry/cgi_dispatch.h"
 
+#include <unistd.h>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
-#include <unistd.h>
 
 #include "entry/update_driver.h"
 #include "state/update_error.h"
@@ -20,11 +20,17 @@ namespace {
 constexpr char status_free[] = "STATUS_FREE";
 constexpr char status_busy[] = "STATUS_BUSY";
 
-bool upload_in_progress() { return file_tools().find_prefixed(paths::upload_dir, paths::upload_prefix); }
+bool upload_in_progress() {
+    return file_tools().find_prefixed(paths::upload_dir, paths::upload_prefix);
+}
 
-void answer(std::string_view text) { write_all(STDOUT_FILENO, text); }
+void answer(std::string_view text) {
+    write_all(STDOUT_FILENO, text);
+}
 
-void run_shell(const char* command) { [[maybe_unused]] int ignored = std::system(command); }
+void run_shell(const char* command) {
+    [[maybe_unused]] int ignored = std::system(command);
+}
 
 // Prefix test on the raw value: "GETX" is a GET, "GE" is nothing.
 bool method_is(const char* method, std::string_view word) {

@@ -1,8 +1,8 @@
 #include "entry/update_driver.h"
 
+#include <unistd.h>
 #include <cstdlib>
 #include <string>
-#include <unistd.h>
 
 #include "install/installer.h"
 #include "install/uci_get.h"
@@ -20,7 +20,9 @@ constexpr char disabled_value[] = "false";
 // device reboots.
 constexpr unsigned final_pause_seconds = 10;
 
-int fail(int code) { return update_error::instance().end_update_with_error(code); }
+int fail(int code) {
+    return update_error::instance().end_update_with_error(code);
+}
 }  // namespace
 
 int do_update_process() {

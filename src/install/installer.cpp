@@ -1,8 +1,8 @@
 #include "install/installer.h"
 
+#include <unistd.h>
 #include <cstdlib>
 #include <string>
-#include <unistd.h>
 
 #include "state/update_status.h"
 #include "support/debug_trace.h"
@@ -18,7 +18,9 @@ bool installer::install() {
     [[maybe_unused]] int stopped = std::system((prefix + commands::stop_application).c_str());
 
     const std::string command = prefix + commands::install_package + paths::package_file;
-    trace.write("installer::install() : installing PKG file ").write(paths::package_file).write("\n");
+    trace.write("installer::install() : installing PKG file ")
+        .write(paths::package_file)
+        .write("\n");
     status.add_line("installing package file ...", 80);
     trace.write("installer::install() : install command: ").write(command).write("\n");
     if (std::system(command.c_str()) != 0) return false;

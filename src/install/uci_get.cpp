@@ -1,8 +1,8 @@
 #include "install/uci_get.h"
 
+#include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
-#include <unistd.h>
 
 #include "support/device_paths.h"
 

@@ -19,7 +19,7 @@ enum update_error_code : int {
 // are saved to the persistent directory, and the state files are cleared so
 // that the lock is free and the next update starts clean.
 class update_error {
-public:
+  public:
     static update_error& instance();
 
     // The message of a code; "" for a number that is no code.
@@ -33,6 +33,6 @@ public:
     update_error(const update_error&) = delete;
     update_error& operator=(const update_error&) = delete;
 
-private:
+  private:
     update_error() = default;
 };

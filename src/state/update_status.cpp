@@ -1,10 +1,10 @@
 #include "state/update_status.h"
 
+#include <fcntl.h>
+#include <unistd.h>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include "support/device_paths.h"
 #include "support/fd_io.h"
@@ -92,7 +92,9 @@ void update_status::print_log() const {
     write_all(STDOUT_FILENO, std::string_view(content.get(), std::strlen(content.get())));
 }
 
-bool update_status::log_exists() const { return file_tools().exists(paths::log_file); }
+bool update_status::log_exists() const {
+    return file_tools().exists(paths::log_file);
+}
 
 void update_status::save_file(const std::string& path) {
     std::string command = commands::copy_file;

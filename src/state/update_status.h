@@ -21,7 +21,7 @@ enum progress_state : int {
 // processes never interleave. Not thread-safe: the upload watchdog's expiry
 // excludes the main thread from reporting before it reports itself.
 class update_status {
-public:
+  public:
     static update_status& instance();
 
     // Replaces the status file by one holding "1" or "2"; any other state
@@ -51,7 +51,7 @@ public:
     update_status(const update_status&) = delete;
     update_status& operator=(const update_status&) = delete;
 
-private:
+  private:
     update_status() = default;
 
     int32_t percent = 0;  // of the latest add_line of this process

@@ -17,6 +17,10 @@ bool updater_lock() {
     return true;
 }
 
-int updater_unlock() { return ::unlink(paths::lock_file); }
+int updater_unlock() {
+    return ::unlink(paths::lock_file);
+}
 
-bool updater_is_locked() { return file_tools().exists(paths::lock_file); }
+bool updater_is_locked() {
+    return file_tools().exists(paths::lock_file);
+}

@@ -13,7 +13,9 @@ debug_trace& debug_trace::instance() {
 
 debug_trace::debug_trace() : file(open_for_append(paths::trace_file)) {}
 
-debug_trace::~debug_trace() { close(); }
+debug_trace::~debug_trace() {
+    close();
+}
 
 debug_trace& debug_trace::write(std::string_view text) {
     if (text.empty()) return *this;

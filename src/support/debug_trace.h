@@ -15,7 +15,7 @@
 // Not thread-safe: its one other user, the upload watchdog's expiry, only
 // runs once it has excluded the main thread from reporting.
 class debug_trace {
-public:
+  public:
     static debug_trace& instance();
 
     // Adds a fragment; one whose last character is "\n" or "\r" ends the line.
@@ -28,7 +28,7 @@ public:
     debug_trace(const debug_trace&) = delete;
     debug_trace& operator=(const debug_trace&) = delete;
 
-private:
+  private:
     debug_trace();
 
     int file;  // -1 when not open

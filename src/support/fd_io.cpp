@@ -1,8 +1,8 @@
 #include "support/fd_io.h"
 
-#include <cerrno>
 #include <fcntl.h>
 #include <unistd.h>
+#include <cerrno>
 
 bool write_all(int fd, std::string_view data) {
     while (!data.empty()) {

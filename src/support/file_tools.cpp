@@ -1,13 +1,13 @@
 #include "support/file_tools.h"
 
-#include <cerrno>
-#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
-#include <limits>
-#include <new>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <new>
 
 #include "support/debug_trace.h"
 
@@ -52,8 +52,10 @@ std::unique_ptr<char[]> file_tools::load(const std::string& path) const {
     while (buffer && have < static_cast<size_t>(n)) {
         ssize_t got = ::read(fd, buffer.get() + have, static_cast<size_t>(n) - have);
         if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) buffer.reset();
-        else have += static_cast<size_t>(got);
+        if (got <= 0)
+            buffer.reset();
+        else
+            have += static_cast<size_t>(got);
     }
     ::close(fd);
     if (buffer) buffer[have] = '\0';

@@ -7,7 +7,7 @@
 // The file-system helpers the rest of the program shares. Stateless: create
 // one where it is needed. None of them changes what it examines.
 class file_tools {
-public:
+  public:
     // True when the status of the path can be read (symbolic links followed).
     bool exists(const std::string& path) const;
     // True when the directory holds an entry whose name begins with `prefix`

@@ -6,12 +6,15 @@ namespace {
 bool is_space(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
 }
-bool is_digit(char c) { return c >= '0' && c <= '9'; }
+bool is_digit(char c) {
+    return c >= '0' && c <= '9';
+}
 }  // namespace
 
 std::optional<int32_t> read_leading_int(std::string_view text) {
     size_t at = 0;
-    while (at < text.size() && is_space(text[at])) ++at;
+    while (at < text.size() && is_space(text[at]))
+        ++at;
     bool negative = false;
     if (at < text.size() && (text[at] == '+' || text[at] == '-')) {
         negative = text[at] == '-';

@@ -22,7 +22,9 @@ time_value start{0, 0};
 
 }  // namespace
 
-std::string format_timestamp() { return format_timestamp(now()); }
+std::string format_timestamp() {
+    return format_timestamp(now());
+}
 
 // A time before the epoch still gives a well-formed stamp: the seconds wrap
 // into 0..719 like any other, and milliseconds are kept within 0..999.

@@ -1,9 +1,9 @@
 #include "upload/input_stream.h"
 
+#include <unistd.h>
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <unistd.h>
 
 input_stream::input_stream(int input_fd) : fd(input_fd), buffer(new char[capacity]) {}
 
@@ -29,8 +29,8 @@ input_stream::line_result input_stream::read_line(std::string& line, size_t max_
         const char* from = buffer.get() + begin;
         size_t available = end - begin;
         const void* newline = std::memchr(from, '\n', available);
-        size_t take = newline ? static_cast<size_t>(static_cast<const char*>(newline) - from)
-                              : available;
+        size_t take =
+            newline ? static_cast<size_t>(static_cast<const char*>(newline) - from) : available;
         if (line.size() + take > max_length) return line_result::too_long;
         line.append(from, take);
         begin += take;

@@ -9,7 +9,7 @@
 // take from the same buffer one after the other, so nothing the line reading
 // has buffered is lost to the block reads. Bytes are passed through untouched.
 class input_stream {
-public:
+  public:
     enum class line_result { ok, end, too_long };
 
     explicit input_stream(int fd);
@@ -29,10 +29,10 @@ public:
     // being served from what was already buffered.
     bool last_read_waited() const { return waited; }
 
-private:
+  private:
     bool refill();
 
-    static constexpr size_t capacity = 64 * 1024;
+    static constexpr size_t capacity = size_t{64} * 1024;
     int fd;
     std::unique_ptr<char[]> buffer;
     size_t begin = 0;

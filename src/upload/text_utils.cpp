@@ -4,7 +4,9 @@
 
 #include "support/leading_int.h"
 
-int32_t string_to_int(std::string_view text) { return read_leading_int(text).value_or(0); }
+int32_t string_to_int(std::string_view text) {
+    return read_leading_int(text).value_or(0);
+}
 
 // Both callers compare the result as one token, so white space inside the
 // text is kept and only the ends are trimmed.

@@ -1,8 +1,8 @@
 #include "upload/upload_watchdog.h"
 
+#include <unistd.h>
 #include <cstdlib>
 #include <mutex>
-#include <unistd.h>
 
 #include "state/update_error.h"
 #include "state/updater_lock.h"
@@ -62,7 +62,10 @@ int upload_watchdog::stop() {
     int result = timer_delete(timer);
     // The expiry action is ending the update and will exit the process; the
     // main thread must not go on to report in parallel.
-    while (expiry_has_begun) ::pause();
+    if (expiry_has_begun) {
+        for (;;)
+            ::pause();
+    }
     return result;
 }
 

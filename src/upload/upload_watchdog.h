@@ -16,7 +16,7 @@
 // claims first, stop() never returns (the expiry action ends the process);
 // if stop() claims first, a late expiry does nothing.
 class upload_watchdog {
-public:
+  public:
     explicit upload_watchdog(void* owner);
     ~upload_watchdog();
 
@@ -35,7 +35,7 @@ public:
     upload_watchdog(const upload_watchdog&) = delete;
     upload_watchdog& operator=(const upload_watchdog&) = delete;
 
-private:
+  private:
     void* owner;  // handed to the notification, which does not use it
     timer_t timer{};
     bool running = false;

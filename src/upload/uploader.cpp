@@ -1,11 +1,11 @@
 #include "upload/uploader.h"
 
-#include <cstring>
 #include <fcntl.h>
-#include <memory>
-#include <new>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cstring>
+#include <memory>
+#include <new>
 
 #include "state/update_error.h"
 #include "state/update_status.h"
@@ -24,7 +24,7 @@ constexpr off_t delimiter_overhead = 4;
 
 // A header line of the form longer than this fails the upload: browsers send
 // lines of a few hundred bytes, and memory must not grow with hostile input.
-constexpr size_t max_header_line = 64 * 1024;
+constexpr size_t max_header_line = size_t{64} * 1024;
 
 }  // namespace
 
@@ -124,8 +124,8 @@ int uploader::check_and_cut_end(int package, char* buffer, const std::string& bo
     struct stat status {};
     bool matches = false;
     off_t position = 0;
-    if (complete && ::fstat(package, &status) == 0 && status.st_size >= length + 2 * delimiter_overhead &&
-        boundary.size() <= transfer_size) {
+    if (complete && ::fstat(package, &status) == 0 &&
+        status.st_size >= length + 2 * delimiter_overhead && boundary.size() <= transfer_size) {
         position = status.st_size - length - delimiter_overhead;
         ssize_t got = ::pread(package, buffer, boundary.size(), position);
         matches = got == static_cast<ssize_t>(boundary.size()) &&

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <string>
 #include <unistd.h>
+#include <string>
 
 #include "upload/input_stream.h"
 #include "upload/upload_request.h"
@@ -13,7 +13,7 @@
 // The file part must be the last part of the form. The package is never held
 // in memory: it passes through one 1 MiB transfer buffer.
 class uploader {
-public:
+  public:
     // The body is read from `input_fd`: standard input in production.
     explicit uploader(int input_fd = STDIN_FILENO);
 
@@ -27,7 +27,7 @@ public:
     // result of ending the update with "bad/malformed http header".
     int parse_cgi_request(upload_request& request);
 
-private:
+  private:
     int reject_request();
     bool find_file_part();
     bool skip_part_header();

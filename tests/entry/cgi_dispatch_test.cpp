@@ -9,7 +9,7 @@
 namespace {
 
 class Dispatch : public ::testing::Test {
-protected:
+  protected:
     run_result get(const char* query) { return root.run(get_request(query)); }
     run_result with_method(const char* method) {
         run_options options = get_request("request=1");

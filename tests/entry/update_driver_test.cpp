@@ -22,7 +22,7 @@ std::string sha256_of(device_root& root, const std::string& device_path) {
 }
 
 class WholeUpdate : public ::testing::Test {
-protected:
+  protected:
     // The page polls before it posts, then while lighttpd receives the body.
     void announce_upload() {
         ASSERT_EQ(root.run(get_request("request=1")).out, "[000.000:1] waiting for file ...<br>");
@@ -134,7 +134,7 @@ INSTANTIATE_TEST_SUITE_P(RootAndUser, WholeUpdateAs, ::testing::Values(0, 1000))
 
 // Each failing ending: exit status, what the user sees, a free lock.
 class FailedUpdate : public WholeUpdate {
-protected:
+  protected:
     void expect_ended(const run_result& result, int status, const std::string& message) {
         EXPECT_EQ(result.exit_status, status);
         EXPECT_EQ(result.out, "");
@@ -155,8 +155,9 @@ TEST_F(FailedUpdate, DisabledUpdatesReadNoBody) {
     run_result result = root.run(post_request(form_with_file("pkg"), test_boundary));
     expect_ended(result, 247, "update feature is disabled");
     EXPECT_EQ(root.record().back(), "uci get security.update.enabled");
-    EXPECT_NE(root.read(saved_trace_path).find("do_update_process() : security.update.enabled=false\n"),
-              std::string::npos);
+    EXPECT_NE(
+        root.read(saved_trace_path).find("do_update_process() : security.update.enabled=false\n"),
+        std::string::npos);
 }
 
 TEST_F(FailedUpdate, OnlyTheExactWordFalseDisables) {
@@ -184,8 +185,9 @@ TEST_F(FailedUpdate, InstallerFailureKeepsThePackage) {
     EXPECT_EQ(root.read(package_path), "pkg");
     const std::string trace = root.read(saved_trace_path);
     EXPECT_EQ(trace.find("PKG file installed"), std::string::npos);
-    EXPECT_NE(trace.rfind("install command: /usr/local/sbin/updater -f /tmp/updater-cgi-temp.pkg\n"),
-              std::string::npos);
+    EXPECT_NE(
+        trace.rfind("install command: /usr/local/sbin/updater -f /tmp/updater-cgi-temp.pkg\n"),
+        std::string::npos);
 }
 
 TEST_F(FailedUpdate, StalledBodyTimesOutAndFreesTheLock) {

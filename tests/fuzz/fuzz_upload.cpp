@@ -2,13 +2,13 @@
 // Input layout: the first line is CONTENT_TYPE, the rest is the body; an
 // input whose first byte is '0' also sends CONTENT_LENGTH 0.
 // Runs inside the device root: the package file is the real /tmp one.
+#include <sys/mman.h>
+#include <unistd.h>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include "support/fd_io.h"
 #include "upload/uploader.h"

@@ -11,10 +11,12 @@ namespace {
 
 const std::string fake = "/run/fake/";
 
-std::string recorded() { return read_file(fake + "record"); }
+std::string recorded() {
+    return read_file(fake + "record");
+}
 
 class DeviceTools : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         for (const char* name : {"record", "record-detail", "uci-value", "installer-status"}) {
             ::unlink((fake + name).c_str());
@@ -31,10 +33,10 @@ TEST_F(DeviceTools, ConfigurationValueIsItsFirstWord) {
         EXPECT_FALSE(file_exists(paths::uci_output));
     }
     EXPECT_EQ(recorded(),
-                              "uci get security.update.enabled\n"
-                              "uci get security.update.enabled\n"
-                              "uci get security.update.enabled\n"
-                              "uci get security.update.enabled\n");
+              "uci get security.update.enabled\n"
+              "uci get security.update.enabled\n"
+              "uci get security.update.enabled\n"
+              "uci get security.update.enabled\n");
 }
 
 TEST_F(DeviceTools, UnknownKeyGivesNothingAndLeavesNoFile) {
@@ -72,8 +74,8 @@ TEST_F(DeviceTools, InstallerFailureKeepsThePackageAndSaysNothingMore) {
     EXPECT_EQ(read_file(paths::package_file), "firmware");
     std::string added = read_file(paths::trace_file).substr(before.size());
     const std::string sudo = ::getuid() == 0 ? "" : "sudo ";
-    const std::string last =
-        "installer::install() : install command: " + sudo + "/usr/local/sbin/updater -f /tmp/updater-cgi-temp.pkg\n";
+    const std::string last = "installer::install() : install command: " + sudo +
+                             "/usr/local/sbin/updater -f /tmp/updater-cgi-temp.pkg\n";
     ASSERT_GE(added.size(), last.size());
     EXPECT_EQ(added.substr(added.size() - last.size()), last);
 }

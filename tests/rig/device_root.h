@@ -15,7 +15,7 @@
 #include <vector>
 
 struct run_options {
-    std::vector<std::string> args;  // arguments after the program
+    std::vector<std::string> args;                         // arguments after the program
     std::vector<std::pair<std::string, std::string>> env;  // the whole environment
     std::string stdin_data;
     int uid = 0;
@@ -26,14 +26,14 @@ struct run_options {
 };
 
 struct run_result {
-    std::string out;  // stdout, byte for byte
-    std::string err;  // stderr (also copied to the test's stderr)
+    std::string out;       // stdout, byte for byte
+    std::string err;       // stderr (also copied to the test's stderr)
     int exit_status = -1;  // 0..255; 128+N if killed by signal N
     bool timed_out = false;
 };
 
 class device_root {
-public:
+  public:
     device_root();
     ~device_root();
     device_root(const device_root&) = delete;
@@ -59,7 +59,7 @@ public:
     void set_preupdate_delay(double seconds);
 
     class process {
-    public:
+      public:
         process(process&&) noexcept;
         process& operator=(process&&) = delete;
         process(const process&) = delete;
@@ -73,7 +73,7 @@ public:
         // client keeps its connection).
         run_result wait(bool close_input = true);
 
-    private:
+      private:
         friend class device_root;
         struct state;
         explicit process(std::unique_ptr<state> s);
@@ -93,7 +93,7 @@ public:
     // Any binary of this build, with the same emulator prefix.
     static std::vector<std::string> program_command(const std::string& binary);
 
-private:
+  private:
     std::string dir_;
     int spawned_ = 0;
 };

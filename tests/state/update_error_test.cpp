@@ -1,9 +1,9 @@
 // Runs inside the device root: the state files and /tolven/local are real.
 #include "state/update_error.h"
 
-#include <chrono>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <chrono>
 #include <thread>
 
 #include "device_files.h"
@@ -17,8 +17,8 @@ const std::string saved_log = std::string(paths::persistent_dir) + "updater-cgi.
 const std::string saved_trace = std::string(paths::persistent_dir) + "updater-cgi.debug";
 
 void clear_all() {
-    for (const char* path : {paths::log_file, paths::trace_file, paths::lock_file,
-                             paths::status_file}) {
+    for (const char* path :
+         {paths::log_file, paths::trace_file, paths::lock_file, paths::status_file}) {
         ::unlink(path);
     }
     ::unlink(saved_log.c_str());
@@ -33,12 +33,13 @@ TEST(UpdateErrorMessages, EveryCodeHasItsTextAndOtherNumbersNone) {
     EXPECT_STREQ(error.message(ERROR_UPDATE_IN_PROGRESS),
                  "update already in progress, please retry later.");
     EXPECT_STREQ(error.message(ERROR_OUT_OF_MEMORY), "can't allocate memory");
-    for (int code : {0, 11, -1}) EXPECT_STREQ(error.message(code), "") << code;
+    for (int code : {0, 11, -1})
+        EXPECT_STREQ(error.message(code), "") << code;
 }
 
 // Each case runs the ending in a child, as a fresh process would.
 class EndUpdate : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { clear_all(); }
     void TearDown() override { clear_all(); }
 
@@ -64,15 +65,16 @@ TEST_F(EndUpdate, SavesTheErrorEntryAndClearsEveryStateFile) {
     ASSERT_GE(log.size(), tail.size()) << log;
     EXPECT_EQ(log.substr(log.size() - tail.size()), tail);
     EXPECT_NE(read_file(saved_trace).find("before the end\n"), std::string::npos);
-    for (const char* path : {paths::log_file, paths::trace_file, paths::lock_file,
-                             paths::status_file}) {
+    for (const char* path :
+         {paths::log_file, paths::trace_file, paths::lock_file, paths::status_file}) {
         EXPECT_FALSE(file_exists(path)) << path;
     }
 }
 
 TEST_F(EndUpdate, FirstEntryOfAProcessHasNoPercentageAndUnknownCodesNoText) {
-    EXPECT_EXIT(std::exit(-update_error::instance().end_update_with_error(ERROR_UPDATE_IN_PROGRESS)),
-                ::testing::ExitedWithCode(10), "");
+    EXPECT_EXIT(
+        std::exit(-update_error::instance().end_update_with_error(ERROR_UPDATE_IN_PROGRESS)),
+        ::testing::ExitedWithCode(10), "");
     EXPECT_EQ(read_file(saved_log).substr(8),
               "] ERROR: update already in progress, please retry later.<br>");
     EXPECT_EQ(read_file(saved_log).substr(0, 7), "[000.00");

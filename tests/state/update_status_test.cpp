@@ -9,7 +9,7 @@
 namespace {
 
 class StatusFile : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { ::unlink(paths::status_file); }
     update_status& status = update_status::instance();
 };
@@ -37,8 +37,8 @@ TEST_F(StatusFile, AnyOtherStateLeavesAnEmptyFile) {
 TEST_F(StatusFile, ReadsNumbersWrittenBySomethingElse) {
     EXPECT_EQ(status.get_state(), STATE_IDLE);
     EXPECT_FALSE(file_exists(paths::status_file)) << "reading creates nothing";
-    const std::pair<const char*, int> cases[] = {
-        {"2\n", 2}, {" 1", 1}, {"x1", 0}, {"", 0}, {"12", 12}, {"-3", -3}};
+    const std::pair<const char*, int> cases[] = {{"2\n", 2}, {" 1", 1},  {"x1", 0},
+                                                 {"", 0},    {"12", 12}, {"-3", -3}};
     for (const auto& [content, expected] : cases) {
         write_file(paths::status_file, content);
         EXPECT_EQ(status.get_state(), expected) << '"' << content << '"';
@@ -60,7 +60,7 @@ TEST_F(StatusFile, ReplacesTheFileRatherThanRewritingIt) {
 // The update log of one process, in a child so that each case starts with a
 // fresh status object (percentage 0, stamps from 000.000).
 class UpdateLog : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { ::unlink(paths::log_file); }
     template <typename Steps>
     static void in_fresh_process(Steps steps) {
@@ -90,8 +90,7 @@ TEST_F(UpdateLog, NoPercentageMeansNoColon) {
     });
     std::string log = read_file(paths::log_file);
     EXPECT_EQ(log.substr(0, 10), "[000.000] ");
-    EXPECT_EQ(log.substr(10, 60),
-              "ERROR: update already in progress, please retry later.<br>[0");
+    EXPECT_EQ(log.substr(10, 60), "ERROR: update already in progress, please retry later.<br>[0");
     EXPECT_EQ(log.find(':', 70), std::string::npos) << log;
 }
 
@@ -114,7 +113,8 @@ TEST_F(UpdateLog, ErrorKeepsTheLatestPercentageAndSuccessHasItsMarkup) {
 
 TEST_F(UpdateLog, AppendsToWhatOtherProcessesWrote) {
     write_file(paths::log_file, "[000.000:1] waiting for file ...<br>");
-    in_fresh_process([](update_status& status) { status.add_line("receiving package file ...", 10); });
+    in_fresh_process(
+        [](update_status& status) { status.add_line("receiving package file ...", 10); });
     EXPECT_EQ(read_file(paths::log_file),
               "[000.000:1] waiting for file ...<br>[000.000:10] receiving package file ...<br>");
 }
@@ -126,7 +126,8 @@ TEST_F(UpdateLog, PrintsExactlyTheFileOrNothing) {
     status.print_log();
     EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
 
-    const std::string log = "[000.000:1] waiting for file ...<br>[000.000:10] receiving package file ...<br>";
+    const std::string log =
+        "[000.000:1] waiting for file ...<br>[000.000:10] receiving package file ...<br>";
     write_file(paths::log_file, log);
     EXPECT_TRUE(status.log_exists());
     ::testing::internal::CaptureStdout();

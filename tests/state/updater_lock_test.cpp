@@ -10,7 +10,7 @@
 namespace {
 
 class UpdateLock : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         ::rmdir(paths::lock_file);
         ::unlink(paths::lock_file);

@@ -1,10 +1,10 @@
 // Runs inside the device root: the trace is the real /var/log file.
 #include "support/debug_trace.h"
 
-#include <fstream>
 #include <gtest/gtest.h>
-#include <sstream>
 #include <unistd.h>
+#include <fstream>
+#include <sstream>
 
 #include "support/device_paths.h"
 
@@ -16,7 +16,9 @@ std::string trace_file() {
     return content.str();
 }
 // Lines of this test alone: everything after `mark`.
-std::string since(size_t mark) { return trace_file().substr(mark); }
+std::string since(size_t mark) {
+    return trace_file().substr(mark);
+}
 bool stamped(const std::string& line) {
     return line.size() > 8 && line[3] == '.' && line[7] == ' ';
 }

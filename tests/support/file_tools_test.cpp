@@ -1,19 +1,19 @@
 // Runs inside the device root (file_tools::load traces to /var/log).
 #include "support/file_tools.h"
 
-#include <cstring>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cstring>
+#include <fstream>
+#include <sstream>
 
 #include "support/device_paths.h"
 
 namespace {
 
 class FileTools : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         char name[] = "/tmp/file_tools_XXXXXX";
         ASSERT_NE(::mkdtemp(name), nullptr);

@@ -32,7 +32,10 @@ inline std::string awkward_content(size_t size, unsigned seed = 7) {
     std::mt19937 random(seed);
     std::string content;
     content.reserve(size + 256);
-    const std::string traps[] = {"\r\n", "\n", "\r", "--" + test_boundary + "\r\n",
+    const std::string traps[] = {"\r\n",
+                                 "\n",
+                                 "\r",
+                                 "--" + test_boundary + "\r\n",
                                  "\r\n--" + test_boundary + "--\r\n",
                                  "Content-Disposition: form-data; filename=\"x\"\r\n\r\n",
                                  std::string(1, '\0')};

@@ -1,7 +1,7 @@
 // Runs inside the device root: a rejected request ends the update for real.
-#include <cstdlib>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <cstdlib>
 
 #include "device_files.h"
 #include "support/device_paths.h"
@@ -17,8 +17,10 @@ struct cgi_variables {
 
 void set_variables(cgi_variables variables) {
     auto set = [](const char* name, const char* value) {
-        if (value) ::setenv(name, value, 1);
-        else ::unsetenv(name);
+        if (value)
+            ::setenv(name, value, 1);
+        else
+            ::unsetenv(name);
     };
     set("CONTENT_LENGTH", variables.length);
     set("CONTENT_TYPE", variables.type);
@@ -31,7 +33,8 @@ int check(cgi_variables variables, upload_request& request) {
 
 TEST(RequestCheck, AcceptsWhatBrowsersAndOddClientsSend) {
     const std::pair<cgi_variables, const char*> accepted[] = {
-        {{"1234", "multipart/form-data; boundary=----WebKitFormBoundaryX"}, "----WebKitFormBoundaryX"},
+        {{"1234", "multipart/form-data; boundary=----WebKitFormBoundaryX"},
+         "----WebKitFormBoundaryX"},
         {{"-1", "MULTIPART/Form-Data; boundary=abc"}, "abc"},
         {{" 42", "multipart/form-data;boundary=abc "}, "abc"},
         {{"7", " multipart/form-data ; charset=utf-8"}, "utf-8"},

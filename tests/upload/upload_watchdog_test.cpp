@@ -1,8 +1,8 @@
 // Runs inside the device root: the expiry ends the update for real.
 #include "upload/upload_watchdog.h"
 
-#include <chrono>
 #include <gtest/gtest.h>
+#include <chrono>
 #include <thread>
 
 #include "device_files.h"
@@ -15,7 +15,7 @@ using std::chrono::milliseconds;
 const std::string saved_log = std::string(paths::persistent_dir) + "updater-cgi.log";
 
 class Watchdog : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         write_file(paths::lock_file, "1");
         ::unlink(saved_log.c_str());

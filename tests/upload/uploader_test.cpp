@@ -11,7 +11,7 @@
 namespace {
 
 class Reassembly : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         ::unlink(paths::package_file);
         ::setenv("CONTENT_LENGTH", "1000", 1);
@@ -37,8 +37,8 @@ TEST_F(Reassembly, PackageHoldsExactlyTheFileBytes) {
          {std::string("firmware"), std::string(), awkward_content(3 * 1024 * 1024 + 77),
           awkward_content(1048064, 3), awkward_content(1048576 + 512, 4)}) {
         ASSERT_EQ(upload(form_with_file(content)), 0) << content.size();
-        EXPECT_TRUE(package() == content) << "size " << content.size() << " got "
-                                          << package().size();
+        EXPECT_TRUE(package() == content)
+            << "size " << content.size() << " got " << package().size();
     }
 }
 
@@ -52,8 +52,8 @@ TEST_F(Reassembly, FindsTheFilePartBehindOtherFields) {
 
 TEST_F(Reassembly, FieldAfterTheFilePartEndsUpInThePackage) {
     std::string trailing = text_field("after", "x");
-    std::string body = file_part_header() + "payload\r\n" + trailing.substr(0, trailing.size() - 2) +
-                       closing_delimiter();
+    std::string body = file_part_header() + "payload\r\n" +
+                       trailing.substr(0, trailing.size() - 2) + closing_delimiter();
     ASSERT_EQ(upload(body), 0);
     EXPECT_EQ(package(), "payload\r\n" + trailing.substr(0, trailing.size() - 2));
 }
@@ -65,9 +65,10 @@ TEST_F(Reassembly, HeaderNameIsCaseInsensitiveButFilenameIsNot) {
     ASSERT_EQ(upload(lower), 0);
     EXPECT_EQ(package(), "data");
 
-    std::string capitals = "--" + test_boundary +
-                           "\r\nContent-Disposition: form-data; name=\"f\"; FILENAME=\"a\"\r\n\r\n" +
-                           "data" + closing_delimiter();
+    std::string capitals =
+        "--" + test_boundary +
+        "\r\nContent-Disposition: form-data; name=\"f\"; FILENAME=\"a\"\r\n\r\n" + "data" +
+        closing_delimiter();
     EXPECT_EQ(upload(capitals), 1);
 }
 
@@ -82,10 +83,10 @@ TEST_F(Reassembly, FilenameWithoutQuoteIsSkipped) {
 TEST_F(Reassembly, BadEndRemovesThePackage) {
     const std::string content = awkward_content(100000);
     const std::string wrong_end[] = {
-        file_part_header() + content + "\r\n--" + test_boundary + "--",         // no CR LF
-        form_with_file(content) + "epilogue",                                   // text after
+        file_part_header() + content + "\r\n--" + test_boundary + "--",          // no CR LF
+        form_with_file(content) + "epilogue",                                    // text after
         file_part_header() + content + "\r\n--" + "other-boundary-value--\r\n",  // wrong boundary
-        file_part_header() + "tiny",                                            // shorter than delimiter
+        file_part_header() + "tiny",  // shorter than delimiter
     };
     for (const std::string& body : wrong_end) {
         write_file(paths::package_file, "an earlier package");

@@ -46,6 +46,7 @@ port_in_use() {
 # port that turns out to be taken (another test won the race) costs one more
 # try on another port.
 device_start() {  # [launcher options...]
+    DEVICE_ARGS=("$@")
     local try
     for try in 1 2 3 4 5 6; do
         PORT=${E2E_PORT:-$((20000 + (RANDOM * 32768 + RANDOM) % 12000))}
@@ -90,7 +91,7 @@ device_reboot() {  # seconds down
     device_stop
     rm -rf "${ROOT:?}"/var-log/* "$ROOT"/tmp/* "$ROOT"/var-tmp/*
     sleep "${1:-2}"
-    E2E_PORT=$PORT device_start
+    E2E_PORT=$PORT device_start "${DEVICE_ARGS[@]}"
 }
 
 # --- requests --------------------------------------------------------------

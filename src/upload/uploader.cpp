@@ -94,6 +94,10 @@ bool uploader::skip_part_header() {
 // Re-arming costs a system call, so a read served from bytes that were
 // already buffered, right after one that re-armed, does not re-arm again;
 // any read that had to wait, or that follows a write of the buffer, does.
+// The input is read ahead straight into the free rest of the buffer, where
+// the following 512-byte reads find it in place. Every read but the last
+// brings 512 bytes, so the buffer is only written out when full, when no
+// read-ahead byte is left in it.
 bool uploader::copy_body(int package, char* buffer) {
     size_t fill = 0;
     bool wrote_since_rearm = false;
@@ -104,7 +108,7 @@ bool uploader::copy_body(int package, char* buffer) {
             fill = 0;
             wrote_since_rearm = true;
         }
-        size_t got = input.read_block(buffer + fill, read_block);
+        size_t got = input.read_block(buffer + fill, read_block, transfer_size - fill);
         if (got > 0) {
             fill += got;
             if (input.last_read_waited() || wrote_since_rearm) {

@@ -46,12 +46,15 @@ port_in_use() {
 # port that turns out to be taken (another test won the race) costs one more
 # try on another port.
 device_start() {  # [launcher options...]
+    DEVICE_ARGS=("$@")
     local try
     for try in 1 2 3 4 5 6; do
         PORT=${E2E_PORT:-$((20000 + (RANDOM * 32768 + RANDOM) % 12000))}
         port_in_use "$PORT" && continue
-        "$E2E_DIR/device-lighttpd" --root "$ROOT" --port "$PORT" --updater "$UPDATER_BIN" \
-            --adaptor "$CGI_HEADER_BIN" "$@" >>"$ROOT/lighttpd.out" 2>&1 &
+        # A session of its own, so that device_stop can end whatever the
+        # server started and left behind (a CGI's shell commands).
+        setsid "$E2E_DIR/device-lighttpd" --root "$ROOT" --port "$PORT" \
+            --updater "$UPDATER_BIN" --adaptor "$CGI_HEADER_BIN" "$@" >>"$ROOT/lighttpd.out" 2>&1 &
         DEVICE_JOB=$!
         local i
         for i in $(seq 100); do
@@ -64,19 +67,21 @@ device_start() {  # [launcher options...]
             kill -0 "$DEVICE_JOB" 2>/dev/null || break
             sleep 0.05
         done
-        kill "$DEVICE_JOB" 2>/dev/null
-        wait "$DEVICE_JOB" 2>/dev/null
-        [ -n "${E2E_PORT:-}" ] && break
+        kill "$DEVICE_JOB" 2>/dev/null || true
+        wait "$DEVICE_JOB" 2>/dev/null || true
+        if [ -n "${E2E_PORT:-}" ]; then break; fi
     done
     echo "lighttpd did not start; its output:" >&2
     cat "$ROOT/lighttpd.out" >&2
     return 1
 }
 
+# Safe under set -e (scripts/demo): the processes may be gone already.
 device_stop() {
     [ -n "${DEVICE_JOB:-}" ] || return 0
-    [ -n "${LIGHTTPD_PID:-}" ] && kill "$LIGHTTPD_PID" 2>/dev/null
-    wait "$DEVICE_JOB" 2>/dev/null
+    if [ -n "${LIGHTTPD_PID:-}" ]; then kill "$LIGHTTPD_PID" 2>/dev/null || true; fi
+    wait "$DEVICE_JOB" 2>/dev/null || true
+    kill -- "-$DEVICE_JOB" 2>/dev/null || true
     DEVICE_JOB= LIGHTTPD_PID=
 }
 
@@ -86,7 +91,7 @@ device_reboot() {  # seconds down
     device_stop
     rm -rf "${ROOT:?}"/var-log/* "$ROOT"/tmp/* "$ROOT"/var-tmp/*
     sleep "${1:-2}"
-    E2E_PORT=$PORT device_start
+    E2E_PORT=$PORT device_start "${DEVICE_ARGS[@]}"
 }
 
 # --- requests --------------------------------------------------------------
@@ -129,4 +134,36 @@ poll_progress() {  # file
         [[ $answer == *'ERROR: '* ]] && break
         sleep 0.15
     done
+}
+
+# Samples the device's files from the host about every 2 ms until the file
+# "stop-sampling" appears, one line a sample: time in seconds, lock file
+# present (0/1), upload file present (0/1), content of the status file (- when
+# absent, empty for state 0). Builtins only, so the samples come fast without
+# costing a core.
+sample_files() {  # file
+    local fifo=$ROOT/sampler.fifo lock upload state
+    rm -f "$fifo" "$ROOT/stop-sampling"
+    mkfifo "$fifo"
+    exec 9<>"$fifo"
+    : >"$1"
+    while [ ! -e "$ROOT/stop-sampling" ]; do
+        lock=0 upload=0 state=-
+        [ -e "$ROOT/var-log/updater-cgi.lock" ] && lock=1
+        has_upload_file && upload=1
+        if [ -e "$ROOT/var-log/updater-cgi.status" ]; then
+            state=
+            read -r state <"$ROOT/var-log/updater-cgi.status" 2>/dev/null
+        fi
+        echo "$EPOCHREALTIME $lock $upload ${state:-0}" >>"$1"
+        read -r -t 0.002 -u 9 || true
+    done
+    exec 9<&-
+}
+
+# From samples: milliseconds from the upload file's disappearance (lighttpd
+# starts the POST process) to state 2 written (the update has taken over).
+window_ms() {  # samples
+    awk '$3 == 1 { seen = 1 } seen && $3 == 0 && !gone { gone = $1 }
+         gone && $4 == 2 { printf "%.0f\n", ($1 - gone) * 1000; exit }' "$1"
 }

@@ -6,7 +6,9 @@ set -uo pipefail
 device_init update_64mib
 echo 1 >"$ROOT/fake/installer-delay"
 pkg=$ROOT/package.bin
-device_start || exit 1
+# As on the device, the web server and so the program run as an ordinary
+# user: the device commands go through sudo.
+device_start --uid 1000 || exit 1
 trap 'device_stop; rm -f "$pkg"' EXIT
 
 make_package "$pkg" $((64 * 1048576))
@@ -72,4 +74,9 @@ check_true "the page reads the saved trace" \
 check "nothing else of /tolven/local is served" 404 \
     "$(curl -s -o /dev/null -w '%{http_code}' "$BASE/update/last/updater-cgi.status")"
 check "the device was asked to reboot" reboot "$(tail -n 1 "$ROOT/fake/record")"
+check "the device commands went through sudo" \
+    "uid=1000 sudo /etc/init.d/application stop
+uid=1000 sudo /usr/local/sbin/updater -f /tmp/updater-cgi-temp.pkg
+uid=1000 sudo /sbin/reboot" \
+    "$(grep -E '^uid=1000 sudo (/etc|/usr/local/sbin/updater|/sbin)' "$ROOT/fake/record-detail")"
 finish

@@ -39,8 +39,10 @@ bool method_is(const char* method, std::string_view word) {
 
 int update_request() {
     debug_trace::instance().write("main() : POST received, getting the file from lighttpd\n");
-    run_shell(commands::preupdate);
+    // State 2 before preupdate.sh: lighttpd has dropped its upload files by
+    // now, and a lock-state poll would take a lock still at state 1 for stale.
     update_status::instance().set_state(STATE_UPDATING);
+    run_shell(commands::preupdate);
     return do_update_process();
 }
 

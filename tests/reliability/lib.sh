@@ -61,8 +61,13 @@ run_request() {
         /usr/bin/time -f '%x %M' -o /run/fake/rusage "$UPDATER_BIN" >"$root/out" 2>"$root/err"
 }
 
-# Peak memory of the last request, KiB.
-max_rss() { cut -d' ' -f2 "$1/fake/rusage" 2>/dev/null || echo 0; }
+# Peak memory of the last request, KiB (0 when unknown). GNU time writes a
+# line about a non-zero status before its format.
+max_rss() {
+    local rss
+    rss=$(tail -n 1 "$1/fake/rusage" 2>/dev/null | cut -d' ' -f2)
+    echo "${rss:-0}"
+}
 
 # The shell commands of the last request that are not fixed ones, one a line.
 foreign_commands() {  # root

@@ -234,3 +234,4 @@ repeat_parallel "$repeats" readonly_log
 report rolog "/var/log read-only: every request answers" "7 requests each"
 repeat_parallel "$repeats" no_persistent
 report nopersist "/tolven/local missing: update completes"
+exit 0

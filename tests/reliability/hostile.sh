@@ -168,3 +168,4 @@ done
 row hostile "$n hostile requests (metacharacters, long lines, NUL, 100 MiB, boundaries)" \
     "$(verdict_of "$tally")" \
     "$tally ended as expected; foreign commands in $foreign; max RSS $rss KiB (limit $rss_limit)"
+exit 0

@@ -120,3 +120,4 @@ poll_verdict=pass
 row load "polls during the updates" "$poll_verdict" \
     "$polls requests, HTTP $codes; exits $poll_exits; STATUS_FREE while updating: $free_during"
 row load "time per update (POST to answer)" "-" "$(cat "$work"/*.ms | median_max) ms"
+exit 0

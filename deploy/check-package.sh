@@ -35,14 +35,18 @@ while read -r perms _ _ _ _ path _; do
 done <<<"$listing"
 
 dpkg-deb -x "$deb" "$scratch/root"
-header=$(readelf -h "$scratch/root/www/cgi-bin/updater")
 case $arch in
     armhf) want="ARM" ;;
     amd64) want="Advanced Micro Devices X86-64" ;;
     *) want="" ;;
 esac
-[ -z "$want" ] || grep -q "Machine: *$want\$" <<<"$header" || fail "program is not for $arch"
-if readelf -S "$scratch/root/www/cgi-bin/updater" | grep -q '\.symtab'; then
-    fail "packaged program is not stripped"
-fi
+# Every program in the package is for the package's machine, and stripped.
+while IFS= read -r -d '' file; do
+    header=$(readelf -h "$file" 2>/dev/null) || continue  # not ELF
+    [ -z "$want" ] || grep -q "Machine: *$want\$" <<<"$header" || fail "${file#"$scratch"/root} is not for $arch"
+    if readelf -S "$file" | grep -q '\.symtab'; then
+        fail "${file#"$scratch"/root} is not stripped"
+    fi
+    echo "checked program ${file#"$scratch"/root}"
+done < <(find "$scratch/root" -type f -perm -u+x -print0)
 echo "package $(basename "$deb"): ok"

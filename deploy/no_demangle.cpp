@@ -8,7 +8,6 @@
 
 // NOLINTNEXTLINE(bugprone-reserved-identifier): name given by the linker's --wrap
 extern "C" char* __wrap___cxa_demangle(const char*, char*, size_t*, int* status) {
-    if (status != nullptr)
-        *status = -2;  // "not a mangled name": print it as it is
+    if (status != nullptr) *status = -2;  // "not a mangled name": print it as it is
     return nullptr;
 }

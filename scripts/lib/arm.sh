@@ -22,7 +22,7 @@ ctest --test-dir "$tree" --output-on-failure -j "$jobs" --timeout 300
 scripts/lib/package.sh "$tree"
 
 echo "== ARM program sizes (stripped)"
-for variant in updater updater-static; do
+for variant in updater updater-static cgi-header; do
     size_file=$tree/stripped/$variant.size
     [ -f "$size_file" ] || continue
     bytes=$(cat "$size_file")

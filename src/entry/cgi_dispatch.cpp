@@ -98,8 +98,7 @@ int progress_request() {
         return 0;
     }
     if (!upload_in_progress()) {
-        if (!status.log_exists())
-            status.add_line("waiting for file ...", 1);
+        if (!status.log_exists()) status.add_line("waiting for file ...", 1);
         status.print_log();
         return 0;
     }
@@ -115,12 +114,9 @@ int progress_request() {
 
 int get_request() {
     const char* query = std::getenv("QUERY_STRING");
-    if (query == nullptr)
-        return reset_request();
-    if (std::strstr(query, "reboot") != nullptr)
-        return reboot_request();
-    if (std::strstr(query, "status") != nullptr)
-        return lock_state_request();
+    if (query == nullptr) return reset_request();
+    if (std::strstr(query, "reboot") != nullptr) return reboot_request();
+    if (std::strstr(query, "status") != nullptr) return lock_state_request();
     return progress_request();
 }
 
@@ -141,11 +137,8 @@ int run_cgi_mode() {
     std::signal(SIGQUIT, termination_handler);
 
     const char* method = std::getenv("REQUEST_METHOD");
-    if (method == nullptr)
-        return 0;
-    if (method_is(method, "GET"))
-        return get_request();
-    if (method_is(method, "POST"))
-        return update_request();
+    if (method == nullptr) return 0;
+    if (method_is(method, "GET")) return get_request();
+    if (method_is(method, "POST")) return update_request();
     return 0;
 }

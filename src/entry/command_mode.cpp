@@ -46,8 +46,7 @@ void print_usage() {
 
 // Only the first argument is read; a second one is accepted and ignored.
 int run_command_mode(int argc, const char* const* argv) {
-    if (argc != 2 && argc != 3)
-        return 1;
+    if (argc != 2 && argc != 3) return 1;
     if (std::strcmp(argv[1], "--help") == 0) {
         print_usage();
         return 0;

@@ -31,17 +31,14 @@ int do_update_process() {
 
     const std::string enabled = uci_get(enabled_key);
     trace.write("do_update_process() : security.update.enabled=").write(enabled).write("\n");
-    if (enabled == disabled_value)
-        return fail(ERROR_UPDATE_DISABLED);
+    if (enabled == disabled_value) return fail(ERROR_UPDATE_DISABLED);
 
     trace.write("do_update_process() : upload start ...\n");
-    if (uploader().run() != 0)
-        return fail(ERROR_UPLOAD_ABORTED);
+    if (uploader().run() != 0) return fail(ERROR_UPLOAD_ABORTED);
 
     trace.write("do_update_process() : upload completed ...\n")
         .write("do_update_process() : install started ...\n");
-    if (!installer().install())
-        return fail(ERROR_INSTALLATION_FAILED);
+    if (!installer().install()) return fail(ERROR_INSTALLATION_FAILED);
     trace.write("do_update_process() : install completed ...\n");
 
     status.add_line("update completed", 100);

@@ -23,8 +23,7 @@ bool installer::install() {
         .write("\n");
     status.add_line("installing package file ...", 80);
     trace.write("installer::install() : install command: ").write(command).write("\n");
-    if (std::system(command.c_str()) != 0)
-        return false;
+    if (std::system(command.c_str()) != 0) return false;
 
     trace.write("installer::install() : PKG file installed\n");
     ::unlink(paths::package_file);

@@ -21,8 +21,7 @@ std::string uci_get(const std::string& key) {
 
     std::string word;
     FILE* output = std::fopen(paths::uci_output, "re");
-    if (output == nullptr)
-        return word;
+    if (output == nullptr) return word;
     int c;
     do {
         c = std::getc(output);

@@ -30,8 +30,7 @@ update_error& update_error::instance() {
 }
 
 const char* update_error::message(int code) const {
-    if (code < 1 || code >= code_count)
-        return "";
+    if (code < 1 || code >= code_count) return "";
     return messages[code];
 }
 

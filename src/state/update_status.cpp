@@ -28,43 +28,35 @@ update_status& update_status::instance() {
 }
 
 update_status::~update_status() {
-    if (log >= 0)
-        ::close(log);
+    if (log >= 0) ::close(log);
 }
 
 // The new file gets the process's default creation mode (0666 less umask).
 void update_status::set_state(int state) {
     ::unlink(paths::status_file);
     int fd = ::open(paths::status_file, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (fd < 0)
-        return;
-    if (state == STATE_RECEIVING)
-        write_all(fd, "1");
-    if (state == STATE_UPDATING)
-        write_all(fd, "2");
+    if (fd < 0) return;
+    if (state == STATE_RECEIVING) write_all(fd, "1");
+    if (state == STATE_UPDATING) write_all(fd, "2");
     ::close(fd);
 }
 
 int update_status::get_state() const {
     int fd = ::open(paths::status_file, O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return STATE_IDLE;
+    if (fd < 0) return STATE_IDLE;
     char text[status_read_limit];
     ssize_t got;
     do {
         got = ::read(fd, text, sizeof text);
     } while (got < 0 && errno == EINTR);
     ::close(fd);
-    if (got <= 0)
-        return STATE_IDLE;
+    if (got <= 0) return STATE_IDLE;
     return read_leading_int(std::string_view(text, static_cast<size_t>(got))).value_or(STATE_IDLE);
 }
 
 void update_status::write_line(std::string_view text) {
-    if (log < 0)
-        log = open_for_append(paths::log_file);
-    if (log < 0)
-        return;
+    if (log < 0) log = open_for_append(paths::log_file);
+    if (log < 0) return;
     std::string entry = "[";
     entry += elapsed_timestamp();
     if (percent != 0) {
@@ -91,14 +83,12 @@ void update_status::add_error(std::string_view message) {
 }
 
 void update_status::add_result(bool failed) {
-    if (!failed)
-        write_line(success_entry);
+    if (!failed) write_line(success_entry);
 }
 
 void update_status::print_log() const {
     std::unique_ptr<char[]> content = file_tools().load(paths::log_file);
-    if (!content)
-        return;
+    if (!content) return;
     write_all(STDOUT_FILENO, std::string_view(content.get(), std::strlen(content.get())));
 }
 

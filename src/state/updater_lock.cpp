@@ -11,8 +11,7 @@
 // once cannot both take the lock. O_EXCL also refuses a dangling link.
 bool updater_lock() {
     int fd = ::open(paths::lock_file, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (fd < 0)
-        return false;
+    if (fd < 0) return false;
     write_all(fd, "1");
     ::close(fd);
     return true;

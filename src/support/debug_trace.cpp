@@ -18,8 +18,7 @@ debug_trace::~debug_trace() {
 }
 
 debug_trace& debug_trace::write(std::string_view text) {
-    if (text.empty())
-        return *this;
+    if (text.empty()) return *this;
     if (line.empty()) {
         line = format_timestamp();
         line += ' ';
@@ -27,16 +26,14 @@ debug_trace& debug_trace::write(std::string_view text) {
     line += text;
     char last = text.back();
     if (last == '\n' || last == '\r') {
-        if (file >= 0)
-            write_all(file, line);
+        if (file >= 0) write_all(file, line);
         line.clear();
     }
     return *this;
 }
 
 void debug_trace::close() {
-    if (file < 0)
-        return;
+    if (file < 0) return;
     ::close(file);
     file = -1;
 }

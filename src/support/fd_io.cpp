@@ -8,8 +8,7 @@ bool write_all(int fd, std::string_view data) {
     while (!data.empty()) {
         ssize_t written = ::write(fd, data.data(), data.size());
         if (written < 0) {
-            if (errno == EINTR)
-                continue;
+            if (errno == EINTR) continue;
             return false;
         }
         data.remove_prefix(static_cast<size_t>(written));

@@ -20,16 +20,14 @@ std::optional<int32_t> read_leading_int(std::string_view text) {
         negative = text[at] == '-';
         ++at;
     }
-    if (at >= text.size() || !is_digit(text[at]))
-        return std::nullopt;
+    if (at >= text.size() || !is_digit(text[at])) return std::nullopt;
 
     const int64_t limit = negative ? -int64_t{std::numeric_limits<int32_t>::min()}
                                    : int64_t{std::numeric_limits<int32_t>::max()};
     int64_t value = 0;
     for (; at < text.size() && is_digit(text[at]); ++at) {
         value = value * 10 + (text[at] - '0');
-        if (value > limit)
-            value = limit;  // keep reading the digits, clamped
+        if (value > limit) value = limit;  // keep reading the digits, clamped
     }
     return static_cast<int32_t>(negative ? -value : value);
 }

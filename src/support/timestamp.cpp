@@ -30,13 +30,10 @@ std::string format_timestamp() {
 // into 0..719 like any other, and milliseconds are kept within 0..999.
 std::string format_timestamp(time_value value) {
     int64_t seconds = value.seconds % 720;
-    if (seconds < 0)
-        seconds += 720;
+    if (seconds < 0) seconds += 720;
     int64_t millis = value.microseconds / 1000;
-    if (millis < 0)
-        millis = 0;
-    if (millis > 999)
-        millis = 999;
+    if (millis < 0) millis = 0;
+    if (millis > 999) millis = 999;
 
     std::string stamp(7, '.');
     put_three_digits(&stamp[0], seconds);
@@ -58,7 +55,6 @@ std::string elapsed_timestamp() {
         diff.microseconds += 1000000;
         diff.seconds -= 1;
     }
-    if (diff.seconds < 0)
-        diff = {0, 0};
+    if (diff.seconds < 0) diff = {0, 0};
     return format_timestamp(diff);
 }

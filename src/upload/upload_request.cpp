@@ -22,23 +22,19 @@ int uploader::parse_cgi_request(upload_request& request) {
     std::string type = environment("CONTENT_TYPE");
 
     request.content_length = string_to_int(length);
-    if (request.content_length == 0)
-        return reject_request();
+    if (request.content_length == 0) return reject_request();
 
     size_t semicolon = type.find(';');
-    if (semicolon == std::string::npos)
-        return reject_request();
+    if (semicolon == std::string::npos) return reject_request();
     if (!equals_ignore_case(strip_white_space(std::string_view(type).substr(0, semicolon)),
                             form_media_type)) {
         return reject_request();
     }
 
     size_t equals = type.find('=', semicolon + 1);
-    if (equals == std::string::npos)
-        return reject_request();
+    if (equals == std::string::npos) return reject_request();
     std::string boundary = strip_white_space(std::string_view(type).substr(equals + 1));
-    if (boundary.empty())
-        return reject_request();
+    if (boundary.empty()) return reject_request();
 
     request.boundary = std::move(boundary);
     return 0;

@@ -24,7 +24,7 @@ constexpr off_t delimiter_overhead = 4;
 
 // A header line of the form longer than this fails the upload: browsers send
 // lines of a few hundred bytes, and memory must not grow with hostile input.
-constexpr size_t max_header_line = 64 * 1024;
+constexpr size_t max_header_line = size_t{64} * 1024;
 
 }  // namespace
 
@@ -41,26 +41,22 @@ bool uploader::read_line(std::string& line) {
 int uploader::run() {
     // Without the transfer buffer there is no upload; the user is told why.
     std::unique_ptr<char[]> buffer(new (std::nothrow) char[transfer_size]);
-    if (!buffer)
-        return update_error::instance().end_update_with_error(ERROR_OUT_OF_MEMORY);
+    if (!buffer) return update_error::instance().end_update_with_error(ERROR_OUT_OF_MEMORY);
     std::memset(buffer.get(), 0, transfer_size);
 
     upload_request request;
-    if (int rejected = parse_cgi_request(request); rejected != 0)
-        return rejected;
+    if (int rejected = parse_cgi_request(request); rejected != 0) return rejected;
 
     debug_trace::instance()
         .write("uploader::run() : entering\n")
         .write("uploader::run() : reassembling data ...\n");
     update_status::instance().add_line("reassembling data ...", 40);
 
-    if (!find_file_part() || !skip_part_header())
-        return 1;
+    if (!find_file_part() || !skip_part_header()) return 1;
 
     ::unlink(paths::package_file);
     int package = ::open(paths::package_file, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (package < 0)
-        return 1;
+    if (package < 0) return 1;
 
     watchdog.start();
     bool complete = copy_body(package, buffer.get());
@@ -72,21 +68,15 @@ int uploader::run() {
 bool uploader::find_file_part() {
     std::string line;
     for (;;) {
-        if (!read_line(line))
-            return false;
+        if (!read_line(line)) return false;
         size_t colon = line.find(':');
-        if (colon == std::string::npos)
-            continue;
-        if (!equals_ignore_case(line.substr(0, colon), "Content-Disposition"))
-            continue;
+        if (colon == std::string::npos) continue;
+        if (!equals_ignore_case(line.substr(0, colon), "Content-Disposition")) continue;
         size_t name = line.find("filename", colon + 1);
-        if (name == std::string::npos)
-            continue;
+        if (name == std::string::npos) continue;
         size_t equals = line.find('=', name);
-        if (equals == std::string::npos)
-            continue;
-        if (line.find('"', equals) == std::string::npos)
-            continue;
+        if (equals == std::string::npos) continue;
+        if (line.find('"', equals) == std::string::npos) continue;
         return true;
     }
 }
@@ -94,8 +84,7 @@ bool uploader::find_file_part() {
 bool uploader::skip_part_header() {
     std::string line;
     do {
-        if (!read_line(line))
-            return false;
+        if (!read_line(line)) return false;
     } while (!line.empty());
     return true;
 }
@@ -105,6 +94,10 @@ bool uploader::skip_part_header() {
 // Re-arming costs a system call, so a read served from bytes that were
 // already buffered, right after one that re-armed, does not re-arm again;
 // any read that had to wait, or that follows a write of the buffer, does.
+// The input is read ahead straight into the free rest of the buffer, where
+// the following 512-byte reads find it in place. Every read but the last
+// brings 512 bytes, so the buffer is only written out when full, when no
+// read-ahead byte is left in it.
 bool uploader::copy_body(int package, char* buffer) {
     size_t fill = 0;
     bool wrote_since_rearm = false;
@@ -115,7 +108,7 @@ bool uploader::copy_body(int package, char* buffer) {
             fill = 0;
             wrote_since_rearm = true;
         }
-        size_t got = input.read_block(buffer + fill, read_block);
+        size_t got = input.read_block(buffer + fill, read_block, transfer_size - fill);
         if (got > 0) {
             fill += got;
             if (input.last_read_waited() || wrote_since_rearm) {
@@ -123,8 +116,7 @@ bool uploader::copy_body(int package, char* buffer) {
                 wrote_since_rearm = false;
             }
         }
-        if (input.at_end() || got < read_block)
-            break;
+        if (input.at_end() || got < read_block) break;
     }
     watchdog.stop();
     return write_all(package, std::string_view(buffer, fill)) && written;

@@ -154,6 +154,17 @@ TEST_F(Dispatch, ResetReturnsTheDeviceToIdleAndKeepsCopies) {
     EXPECT_TRUE(root.record().empty()) << "a reset runs no device command";
 }
 
+TEST_F(Dispatch, ResetWithoutPersistentDirectoryStillClearsTheState) {
+    root.write(lock_path, "1");
+    root.write(log_path, "[000.000:1] waiting for file ...<br>");
+    run_options reset = get_request(nullptr);
+    reset.no_persistent = true;
+    run_result result = root.run(reset);
+    EXPECT_EQ(result.exit_status, 0);
+    EXPECT_FALSE(root.exists(lock_path));
+    EXPECT_FALSE(root.exists(log_path));
+}
+
 TEST_F(Dispatch, RebootSavesTheLogsAndLeavesTheStateAlone) {
     root.write(lock_path, "1");
     root.write(log_path, "[000.000:1] waiting for file ...<br>");

@@ -19,8 +19,7 @@ inline const std::string upload_file_path = "/var/tmp/lighttpd-upload-Xa91Qe";
 inline run_options get_request(const char* query) {
     run_options options;
     options.env = {{"REQUEST_METHOD", "GET"}, {"CONTENT_LENGTH", "0"}};
-    if (query != nullptr)
-        options.env.emplace_back("QUERY_STRING", query);
+    if (query != nullptr) options.env.emplace_back("QUERY_STRING", query);
     return options;
 }
 

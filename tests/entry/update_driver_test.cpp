@@ -75,15 +75,12 @@ TEST_P(WholeUpdateAs, InstallsExactlyTheUploadedBytesThenReboots) {
             "preupdate.sh",
             "uci get security.update.enabled",
         };
-        if (uid != 0)
-            expected.push_back("sudo /etc/init.d/application stop");
+        if (uid != 0) expected.push_back("sudo /etc/init.d/application stop");
         expected.push_back("application stop");
-        if (uid != 0)
-            expected.push_back("sudo /usr/local/sbin/updater -f " + package_path);
+        if (uid != 0) expected.push_back("sudo /usr/local/sbin/updater -f " + package_path);
         expected.push_back("updater -f " + package_path + " sha256=" + expected_sum +
                            " size=" + std::to_string(content.size()));
-        if (uid != 0)
-            expected.push_back("sudo /sbin/reboot");
+        if (uid != 0) expected.push_back("sudo /sbin/reboot");
         expected.push_back("reboot");
         EXPECT_EQ(root.record(), expected);
 

@@ -28,8 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ::setenv("CONTENT_TYPE", type.c_str(), 1);
 
     int fd = ::memfd_create("body", 0);
-    if (fd < 0)
-        std::abort();
+    if (fd < 0) std::abort();
     write_all(fd, body);
     ::lseek(fd, 0, SEEK_SET);
     int result = uploader(fd).run();
@@ -41,7 +40,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         [[maybe_unused]] int log_cut = ::truncate(paths::log_file, 0);
         [[maybe_unused]] int trace_cut = ::truncate(paths::trace_file, 0);
     }
-    if (result != 0 && result != 1 && result != -2)
-        std::abort();
+    if (result != 0 && result != 1 && result != -2) std::abort();
     return 0;
 }

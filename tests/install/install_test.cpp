@@ -52,11 +52,9 @@ TEST_F(DeviceTools, InstallerSuccessRemovesThePackage) {
 
     const std::string sudo = ::getuid() == 0 ? "" : "sudo ";
     std::string expected;
-    if (!sudo.empty())
-        expected += "sudo /etc/init.d/application stop\n";
+    if (!sudo.empty()) expected += "sudo /etc/init.d/application stop\n";
     expected += "application stop\n";
-    if (!sudo.empty())
-        expected += "sudo /usr/local/sbin/updater -f /tmp/updater-cgi-temp.pkg\n";
+    if (!sudo.empty()) expected += "sudo /usr/local/sbin/updater -f /tmp/updater-cgi-temp.pkg\n";
     EXPECT_EQ(recorded().substr(0, expected.size()), expected);
     EXPECT_NE(recorded().find("updater -f /tmp/updater-cgi-temp.pkg sha256="), std::string::npos);
 

@@ -19,7 +19,7 @@ set(DEVICE_ROOT_LAUNCHER ${CMAKE_CURRENT_LIST_DIR}/device-root)
 set(DEVICE_ROOT_BASE ${CMAKE_BINARY_DIR}/device-roots)
 # Sanitizer and gtest settings survive the launcher's cleared environment.
 set(DEVICE_ROOT_PASS_ENV ASAN_OPTIONS UBSAN_OPTIONS LSAN_OPTIONS TSAN_OPTIONS
-    GTEST_COLOR GTEST_FILTER GTEST_BRIEF QEMU_LD_PREFIX)
+    ASAN_SYMBOLIZER_PATH QEMU_LD_PREFIX GTEST_COLOR GTEST_FILTER GTEST_BRIEF)
 
 # The emulator goes into a C string; '|' separates its words there.
 string(REPLACE ";" "|" _rig_emulator "${CMAKE_CROSSCOMPILING_EMULATOR}")

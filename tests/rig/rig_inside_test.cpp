@@ -19,12 +19,15 @@ bool can_create(const std::string& path) {
     std::ofstream out(path);
     const bool ok = static_cast<bool>(out << "x");
     out.close();
-    if (ok) unlink(path.c_str());
+    if (ok)
+        unlink(path.c_str());
     return ok;
 }
 }  // namespace
 
-TEST(InsideRoot, RunsAsTheRegisteredUser) { EXPECT_EQ(getuid(), expected_uid); }
+TEST(InsideRoot, RunsAsTheRegisteredUser) {
+    EXPECT_EQ(getuid(), expected_uid);
+}
 
 TEST(InsideRoot, FixedDirectoriesAreTheRootsOwn) {
     EXPECT_TRUE(can_create("/tmp/updater-cgi-temp.pkg"));

@@ -1,7 +1,7 @@
 // A stand-in for the updater in the rig's own tests: a C++ program that
 // returns, prints, signals and shells out on command, as the updater does.
-#include <csignal>
 #include <unistd.h>
+#include <csignal>
 
 #include <cstdio>
 #include <cstdlib>
@@ -10,13 +10,16 @@
 extern char** environ;
 
 int main(int argc, char** argv) {
-    if (argc < 2) return 2;
+    if (argc < 2)
+        return 2;
     const char* what = argv[1];
-    if (std::strcmp(what, "exit") == 0 && argc == 3) return std::atoi(argv[2]);
+    if (std::strcmp(what, "exit") == 0 && argc == 3)
+        return std::atoi(argv[2]);
     if (std::strcmp(what, "cat") == 0) {
         char buf[8192];
         size_t n;
-        while ((n = std::fread(buf, 1, sizeof buf, stdin)) > 0) std::fwrite(buf, 1, n, stdout);
+        while ((n = std::fread(buf, 1, sizeof buf, stdin)) > 0)
+            std::fwrite(buf, 1, n, stdout);
         return 0;
     }
     if (std::strcmp(what, "uid") == 0) {
@@ -35,14 +38,17 @@ int main(int argc, char** argv) {
         }
         return 0;
     }
-    if (std::strcmp(what, "wait") == 0) {
+    if (std::strcmp(what, "wait") == 0 && argc == 3) {
+        // Prints its pid, then makes the file named by argv[2] to say it is ready.
         std::printf("ready %d\n", static_cast<int>(getpid()));
         std::fflush(stdout);
-        std::fclose(std::fopen("/tmp/probe-ready", "w"));
-        for (;;) pause();
+        std::fclose(std::fopen(argv[2], "w"));
+        for (;;)
+            pause();
     }
     if (std::strcmp(what, "env") == 0) {
-        for (char** e = environ; *e != nullptr; ++e) std::printf("%s\n", *e);
+        for (char** e = environ; *e != nullptr; ++e)
+            std::printf("%s\n", *e);
         return 0;
     }
     return 2;

@@ -66,10 +66,8 @@ int reboot_request() {
 
 bool no_post_took_over(const update_status& status) {
     for (useconds_t waited = 0;; waited += stale_poll_us) {
-        if (upload_in_progress() || status.get_state() != STATE_RECEIVING)
-            return false;
-        if (waited >= stale_grace_us)
-            return true;
+        if (upload_in_progress() || status.get_state() != STATE_RECEIVING) return false;
+        if (waited >= stale_grace_us) return true;
         ::usleep(stale_poll_us);
     }
 }

@@ -100,8 +100,7 @@ TEST_F(Dispatch, LockStaysHeldWhilePreupdateRuns) {
     device_root::process update = root.spawn(post_request("", "b"));
     auto preupdate_started = [&] {
         for (const std::string& line : root.record())
-            if (line == "preupdate.sh")
-                return true;
+            if (line == "preupdate.sh") return true;
         return false;
     };
     for (int i = 0; i < 200 && !preupdate_started(); ++i) {

@@ -19,11 +19,6 @@ namespace {
 
 constexpr char status_free[] = "STATUS_FREE";
 constexpr char status_busy[] = "STATUS_BUSY";
-// lighttpd drops its upload file as it starts the POST, which needs a moment
-// (longer on a loaded device) to write state 2; a lock is stale only if that
-// moment passes without it.
-constexpr useconds_t stale_grace_us = 2000000;
-constexpr useconds_t stale_poll_us = 50000;
 
 bool upload_in_progress() {
     return file_tools().find_prefixed(paths::upload_dir, paths::upload_prefix);
@@ -44,10 +39,8 @@ bool method_is(const char* method, std::string_view word) {
 
 int update_request() {
     debug_trace::instance().write("main() : POST received, getting the file from lighttpd\n");
-    // State 2 before preupdate.sh: lighttpd has dropped its upload files by
-    // now, and a lock-state poll would take a lock still at state 1 for stale.
-    update_status::instance().set_state(STATE_UPDATING);
     run_shell(commands::preupdate);
+    update_status::instance().set_state(STATE_UPDATING);
     return do_update_process();
 }
 
@@ -64,25 +57,19 @@ int reboot_request() {
     return 0;
 }
 
-bool no_post_took_over(const update_status& status) {
-    for (useconds_t waited = 0;; waited += stale_poll_us) {
-        if (upload_in_progress() || status.get_state() != STATE_RECEIVING) return false;
-        if (waited >= stale_grace_us) return true;
-        ::usleep(stale_poll_us);
-    }
-}
-
 // A held lock with no upload file and state 1 was taken for an upload that
 // no POST took over: it is stale, and is released here.
 int lock_state_request() {
     const char* word = status_free;
     if (updater_is_locked()) {
         word = status_busy;
-        update_status& status = update_status::instance();
-        if (no_post_took_over(status)) {
-            updater_unlock();
-            status.set_state(STATE_IDLE);
-            word = status_free;
+        if (!upload_in_progress()) {
+            update_status& status = update_status::instance();
+            if (status.get_state() == STATE_RECEIVING) {
+                updater_unlock();
+                status.set_state(STATE_IDLE);
+                word = status_free;
+            }
         }
     }
     answer(word);

@@ -77,41 +77,6 @@ TEST_F(Dispatch, LockStateClearsALockNoUploadTookOver) {
     EXPECT_EQ(root.read(status_path), "");
 }
 
-// The POST that lighttpd has just started may need a while to write state 2;
-// a lock-state request that comes first waits for it rather than free the lock.
-TEST_F(Dispatch, LockStateWaitsForThePostToTakeOver) {
-    root.write(lock_path, "1");
-    root.write(status_path, "1");
-    device_root::process poll = root.spawn(get_request("status=1"));
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    root.write(status_path, "2");
-    run_result result = poll.wait();
-    EXPECT_EQ(result.out, "STATUS_BUSY");
-    EXPECT_TRUE(root.exists(lock_path));
-    EXPECT_EQ(root.read(status_path), "2");
-}
-
-// lighttpd drops its upload files once it has started the POST; a lock-state
-// poll during preupdate.sh must not take the running update's lock for stale.
-TEST_F(Dispatch, LockStaysHeldWhilePreupdateRuns) {
-    root.write(lock_path, "1");
-    root.write(status_path, "1");
-    root.set_preupdate_delay(1);
-    device_root::process update = root.spawn(post_request("", "b"));
-    auto preupdate_started = [&] {
-        for (const std::string& line : root.record())
-            if (line == "preupdate.sh") return true;
-        return false;
-    };
-    for (int i = 0; i < 200 && !preupdate_started(); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    ASSERT_TRUE(preupdate_started());
-    EXPECT_EQ(get("status=1").out, "STATUS_BUSY");
-    EXPECT_TRUE(root.exists(lock_path));
-    EXPECT_EQ(update.wait().exit_status, 253) << "an empty body ends the update";
-}
-
 TEST_F(Dispatch, FirstProgressPollThatSeesAnUploadTakesTheLock) {
     root.write(upload_file_path, "");
     run_result result = get("request=1");

@@ -27,14 +27,14 @@ double cpu_seconds_of(const rusage& usage) {
 }
 }  // namespace
 
-pid_t spawn(const spawn_spec& spec) {
+pid_t spawn(const spawn_job& job) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, spec.input.c_str(), O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, spec.output.c_str(),
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, job.input.c_str(), O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, job.output.c_str(),
                                      O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    std::vector<char*> argv = pointers(spec.argv);
-    std::vector<char*> env = pointers(spec.env);
+    std::vector<char*> argv = pointers(job.argv);
+    std::vector<char*> env = pointers(job.env);
     pid_t pid = -1;
     int failed = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), env.data());
     posix_spawn_file_actions_destroy(&actions);

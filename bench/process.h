@@ -7,7 +7,7 @@
 // Whole processes for the benchmarks: started with posix_spawn, so that the
 // program itself is the child and wait4 reports its own resource usage.
 
-struct spawn_spec {
+struct spawn_job {
     std::vector<std::string> argv;
     std::vector<std::string> env;  // NAME=VALUE
     std::string input = "/dev/null";
@@ -15,7 +15,7 @@ struct spawn_spec {
 };
 
 // -1 when the program cannot be started.
-pid_t spawn(const spawn_spec& spec);
+pid_t spawn(const spawn_job& job);
 
 struct reaped {
     int status = -1;         // as from waitpid

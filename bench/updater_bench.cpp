@@ -170,14 +170,14 @@ probe_report read_probe_report() {
 }
 
 // The same process, started through rss_probe.
-spawn_spec probed(spawn_spec spec) {
-    spec.argv.insert(spec.argv.begin(), {config.probe, probe_report_file});
-    return spec;
+spawn_job probed(spawn_job job) {
+    job.argv.insert(job.argv.begin(), {config.probe, probe_report_file});
+    return job;
 }
 
-long probed_maxrss_kib(const spawn_spec& spec) {
+long probed_maxrss_kib(const spawn_job& job) {
     ::unlink(probe_report_file);
-    reap(spawn(probed(spec)));
+    reap(spawn(probed(job)));
     return read_probe_report().maxrss_kib;
 }
 
@@ -212,13 +212,13 @@ copy_cost reassembly_cost(size_t size_mib, bool with_sync) {
 copy_cost cat_cost(size_t size_mib, bool with_sync) {
     ::unlink(cat_copy);
     ::syscall(SYS_sync);
-    spawn_spec spec;
-    spec.argv = {"/bin/cat", body_path(size_mib)};
-    spec.output = cat_copy;
+    spawn_job job;
+    job.argv = {"/bin/cat", body_path(size_mib)};
+    job.output = cat_copy;
     reaped done;
     copy_cost cost;
     cost.wall = time_of([&] {
-        done = reap(spawn(spec));
+        done = reap(spawn(job));
         if (with_sync)
             ::syscall(SYS_sync);
     });
@@ -269,11 +269,11 @@ std::vector<std::string> get_env(const char* query) {
     return environment_with({"REQUEST_METHOD=GET", std::string("QUERY_STRING=") + query});
 }
 
-spawn_spec request_spec(const std::string& program, const char* query) {
-    spawn_spec spec;
-    spec.argv = {program};
-    spec.env = get_env(query);
-    return spec;
+spawn_job request_spec(const std::string& program, const char* query) {
+    spawn_job job;
+    job.argv = {program};
+    job.env = get_env(query);
+    return job;
 }
 
 // The device while lighttpd receives a package: the first progress request
@@ -290,7 +290,7 @@ void receiving_state() {
 
 struct timed_process {
     std::string name;
-    spawn_spec spec;
+    spawn_job job;
     std::vector<double> times;
 };
 
@@ -314,7 +314,7 @@ void requests(benchmark::State& state) {
         for (size_t i = 0; i < processes.size(); ++i) {
             timed_process& process = processes[(round + i) % processes.size()];
             int status = -1;
-            double time = time_of([&] { status = reap(spawn(process.spec)).status; });
+            double time = time_of([&] { status = reap(spawn(process.job)).status; });
             if (status != 0)
                 state.SkipWithError(("the " + process.name + " process failed").c_str());
             process.times.push_back(time);
@@ -336,7 +336,7 @@ void requests(benchmark::State& state) {
     if (!config.probe.empty()) {
         for (const timed_process& process : processes) {
             state.counters[process.name + "_maxrss_kib"] =
-                static_cast<double>(probed_maxrss_kib(process.spec));
+                static_cast<double>(probed_maxrss_kib(process.job));
         }
     }
 }
@@ -361,13 +361,13 @@ bool has_ended(pid_t pid) {
 // or that of a reaped child such as the fake installer, whichever is larger.
 void post(benchmark::State& state, const std::string& program, size_t size_mib) {
     make_body(size_mib);
-    spawn_spec spec;
-    spec.argv = {program};
-    spec.env =
+    spawn_job job;
+    job.argv = {program};
+    job.env =
         environment_with({"REQUEST_METHOD=POST", "CONTENT_LENGTH=" + content_length(size_mib),
                           "CONTENT_TYPE=" + content_type()});
-    spec.input = body_path(size_mib);
-    spec = probed(spec);
+    job.input = body_path(size_mib);
+    job = probed(job);
     long peak = 0;
     long maxrss = 0;
     for (auto _ : state) {
@@ -379,7 +379,7 @@ void post(benchmark::State& state, const std::string& program, size_t size_mib) 
         ::syscall(SYS_sync);
 
         auto start = clock_type::now();
-        pid_t probe = spawn(spec);
+        pid_t probe = spawn(job);
         bool paused = false;
         while (probe > 0 && clock_type::now() - start < std::chrono::seconds(120)) {
             if (log_holds("update completed")) {

@@ -25,7 +25,7 @@ make_package "$pkg" $((16 * 1048576))
 artifacts=$E2E_WORK/artifacts
 mkdir -p "$artifacts"
 
-BASE=$BASE ROOT=$ROOT PACKAGE=$pkg ARTIFACTS=$artifacts node --test --test-reporter=spec \
+BASE=$BASE ROOT=$ROOT PACKAGE=$pkg ARTIFACTS=$artifacts node --test --test-reporter=tap \
     "$browser_dir/update_page.test.mjs" &
 browser=$!
 

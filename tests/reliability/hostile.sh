@@ -129,8 +129,8 @@ body_boundary_mismatch() { boundary_case 10000 "$(head -c 9999 /dev/zero | tr '\
 add_case "boundary of 10,000 bytes, body's differs in the last" 253 body_boundary_mismatch
 
 run_case() {  # index (1-based)
-    local spec=${CASES[$(($1 - 1))]}
-    local name=${spec%%|*} rest=${spec#*|}
+    local entry=${CASES[$(($1 - 1))]}
+    local name=${entry%%|*} rest=${entry#*|}
     local want=${rest%%|*} body=${rest#*|}
     local root=$work/$1 v=ok rc
     new_root "$root"

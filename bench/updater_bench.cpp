@@ -46,8 +46,7 @@ namespace {
 bool sync_enabled = true;
 }
 extern "C" void sync() noexcept {
-    if (sync_enabled)
-        ::syscall(SYS_sync);
+    if (sync_enabled) ::syscall(SYS_sync);
 }
 
 namespace {
@@ -78,8 +77,7 @@ struct settings {
 settings config;
 
 double median(std::vector<double> values) {
-    if (values.empty())
-        return 0;
+    if (values.empty()) return 0;
     std::sort(values.begin(), values.end());
     size_t middle = values.size() / 2;
     return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
@@ -161,10 +159,8 @@ probe_report read_probe_report() {
     std::ifstream in(probe_report_file);
     std::string word;
     while (in >> word) {
-        if (word == "pid")
-            in >> report.pid;
-        if (word == "maxrss_kib")
-            in >> report.maxrss_kib;
+        if (word == "pid") in >> report.pid;
+        if (word == "maxrss_kib") in >> report.maxrss_kib;
     }
     return report;
 }
@@ -204,8 +200,7 @@ copy_cost reassembly_cost(size_t size_mib, bool with_sync) {
     ::close(body);
     bool whole =
         result == 0 && file_size(paths::package_file) == static_cast<off_t>(size_mib * mib);
-    if (!whole)
-        cost.wall = -1;
+    if (!whole) cost.wall = -1;
     return cost;
 }
 
@@ -219,12 +214,10 @@ copy_cost cat_cost(size_t size_mib, bool with_sync) {
     copy_cost cost;
     cost.wall = time_of([&] {
         done = reap(spawn(job));
-        if (with_sync)
-            ::syscall(SYS_sync);
+        if (with_sync) ::syscall(SYS_sync);
     });
     cost.cpu = done.cpu_seconds;
-    if (done.status != 0)
-        cost.wall = -1;
+    if (done.status != 0) cost.wall = -1;
     return cost;
 }
 
@@ -240,11 +233,9 @@ void copy(benchmark::State& state, size_t size_mib, bool with_sync) {
     for (auto _ : state) {
         bool program_first = program.size() % 2 == 0;
         copy_cost p, c;
-        if (program_first)
-            p = reassembly_cost(size_mib, with_sync);
+        if (program_first) p = reassembly_cost(size_mib, with_sync);
         c = cat_cost(size_mib, with_sync);
-        if (!program_first)
-            p = reassembly_cost(size_mib, with_sync);
+        if (!program_first) p = reassembly_cost(size_mib, with_sync);
         if (p.wall <= 0 || c.wall <= 0) {
             state.SkipWithError(p.wall <= 0 ? "the package file is not the package" : "cat failed");
             break;
@@ -253,8 +244,7 @@ void copy(benchmark::State& state, size_t size_mib, bool with_sync) {
         program.push_back(bytes / p.wall);
         reference.push_back(bytes / c.wall);
         ratio.push_back(c.wall / p.wall);
-        if (p.cpu > 0)
-            cpu_ratio.push_back(c.cpu / p.cpu);
+        if (p.cpu > 0) cpu_ratio.push_back(c.cpu / p.cpu);
     }
     state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytes));
     state.counters["program_MBps"] = median(program) / 1e6;
@@ -326,8 +316,7 @@ void requests(benchmark::State& state) {
     const std::vector<double>& floor = processes[0].times;
     for (const timed_process& process : processes) {
         state.counters[process.name + "_us"] = median(process.times) * 1e6;
-        if (&process.times == &floor)
-            continue;
+        if (&process.times == &floor) continue;
         std::vector<double> ratio;
         for (size_t i = 0; i < floor.size(); ++i)
             ratio.push_back(process.times[i] / floor[i]);
@@ -363,9 +352,8 @@ void post(benchmark::State& state, const std::string& program, size_t size_mib) 
     make_body(size_mib);
     spawn_job job;
     job.argv = {program};
-    job.env =
-        environment_with({"REQUEST_METHOD=POST", "CONTENT_LENGTH=" + content_length(size_mib),
-                          "CONTENT_TYPE=" + content_type()});
+    job.env = environment_with({"REQUEST_METHOD=POST", "CONTENT_LENGTH=" + content_length(size_mib),
+                                "CONTENT_TYPE=" + content_type()});
     job.input = body_path(size_mib);
     job = probed(job);
     long peak = 0;
@@ -386,15 +374,13 @@ void post(benchmark::State& state, const std::string& program, size_t size_mib) 
                 paused = true;
                 break;
             }
-            if (has_ended(probe))
-                break;
+            if (has_ended(probe)) break;
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
         state.SetIterationTime(seconds(clock_type::now() - start).count());
         pid_t updater = read_probe_report().pid;
         long own = paused && updater > 0 ? peak_rss_kib(updater) : -1;
-        if (updater > 0)
-            ::kill(updater, SIGTERM);
+        if (updater > 0) ::kill(updater, SIGTERM);
         reap(probe);
 
         if (own < 0) {
@@ -415,8 +401,7 @@ std::vector<size_t> parse_sizes(const std::string& text) {
     std::stringstream list(text);
     std::string item;
     while (std::getline(list, item, ',')) {
-        if (!item.empty())
-            sizes.push_back(std::stoul(item));
+        if (!item.empty()) sizes.push_back(std::stoul(item));
     }
     return sizes;
 }
@@ -446,8 +431,7 @@ void parse_settings(int& argc, char** argv) {
                 break;
             }
         }
-        if (!taken)
-            argv[kept++] = argv[i];
+        if (!taken) argv[kept++] = argv[i];
     }
     argc = kept;
 }
@@ -481,11 +465,9 @@ void register_all() {
             ->UseManualTime()
             ->Unit(benchmark::kMillisecond);
     }
-    if (config.probe.empty())
-        return;
+    if (config.probe.empty()) return;
     std::vector<std::pair<std::string, std::string>> programs{{"post", config.program}};
-    if (!config.static_program.empty())
-        programs.emplace_back("post_static", config.static_program);
+    if (!config.static_program.empty()) programs.emplace_back("post_static", config.static_program);
     for (const auto& [name, path] : programs) {
         for (size_t size : config.post_sizes) {
             RegisterBenchmark((name + "/" + std::to_string(size)).c_str(), post, path, size)
@@ -503,11 +485,9 @@ class results_reporter : public benchmark::ConsoleReporter {
 
     void ReportRuns(const std::vector<Run>& runs) override {
         ConsoleReporter::ReportRuns(runs);
-        if (results == nullptr)
-            return;
+        if (results == nullptr) return;
         for (const Run& run : runs) {
-            if (run.error_occurred || run.run_type != Run::RT_Iteration)
-                continue;
+            if (run.error_occurred || run.run_type != Run::RT_Iteration) continue;
             *results << run.run_name.function_name;
             for (const auto& [name, counter] : run.counters) {
                 *results << ' ' << name << '=' << static_cast<double>(counter);
@@ -525,16 +505,14 @@ class results_reporter : public benchmark::ConsoleReporter {
 int main(int argc, char** argv) {
     parse_settings(argc, argv);
     benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 2;
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
     if (config.program.empty() || config.sizes.empty()) {
         std::fprintf(stderr, "updater_bench: --program=PATH is needed\n");
         return 2;
     }
     register_all();
     std::ofstream results_file;
-    if (!config.results.empty())
-        results_file.open(config.results, std::ios::app);
+    if (!config.results.empty()) results_file.open(config.results, std::ios::app);
     results_reporter reporter(config.results.empty() ? nullptr : &results_file);
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();

@@ -56,8 +56,7 @@ std::string unique_root_name() {
     if (const auto* info = ::testing::UnitTest::GetInstance()->current_test_info()) {
         name = std::string(info->test_suite_name()) + "." + info->name();
         for (char& c : name) {
-            if (c == '/' || c == ' ')
-                c = '_';
+            if (c == '/' || c == ' ') c = '_';
         }
     }
     return name + "-XXXXXX";
@@ -99,20 +98,16 @@ struct device_root::process::state {
         char buf[65536];
         while (open_fds > 0) {
             const int ready = ::poll(fds, 3, idle_ms);
-            if (ready < 0 && errno == EINTR)
-                continue;
-            if (ready <= 0)
-                break;
+            if (ready < 0 && errno == EINTR) continue;
+            if (ready <= 0) break;
             if (fds[2].revents != 0) {
                 fds[2].fd = -1;
                 idle_ms = 500;
             }
             for (int i = 0; i < 2; ++i) {
-                if (fds[i].fd < 0 || fds[i].revents == 0)
-                    continue;
+                if (fds[i].fd < 0 || fds[i].revents == 0) continue;
                 const ssize_t n = ::read(fds[i].fd, buf, sizeof buf);
-                if (n < 0 && errno == EINTR)
-                    continue;
+                if (n < 0 && errno == EINTR) continue;
                 if (n <= 0) {
                     ::close(fds[i].fd);
                     fds[i].fd = -1;
@@ -130,8 +125,7 @@ struct device_root::process::state {
             }
         }
         for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd >= 0)
-                ::close(fds[i].fd);
+            if (fds[i].fd >= 0) ::close(fds[i].fd);
         }
         out_fd = err_fd = -1;
     }
@@ -141,12 +135,10 @@ device_root::process::process(std::unique_ptr<state> s) : s_(std::move(s)) {}
 device_root::process::process(process&&) noexcept = default;
 
 device_root::process::~process() {
-    if (!s_ || s_->waited)
-        return;
+    if (!s_ || s_->waited) return;
     // bwrap runs with --die-with-parent below us; killing it takes the program along.
     const pid_t p = pid();
-    if (p > 0)
-        ::kill(p, SIGKILL);
+    if (p > 0) ::kill(p, SIGKILL);
     ::kill(s_->launcher_pid, SIGKILL);
     wait();
 }
@@ -159,8 +151,7 @@ pid_t device_root::process::pid() const {
             const pid_t p = static_cast<pid_t>(std::atoi(text.c_str()));
             // Until the wrapper shell has exec'd, the pid is still the shell's.
             const std::string cmdline = slurp("/proc/" + std::to_string(p) + "/cmdline");
-            if (cmdline.find("device-root-exec") == std::string::npos)
-                return p;
+            if (cmdline.find("device-root-exec") == std::string::npos) return p;
         }
         siginfo_t info{};
         const bool ended = s_->waited ||
@@ -169,8 +160,7 @@ pid_t device_root::process::pid() const {
                            info.si_pid != 0;
         if (ended) {
             // Gone (or reaped): whatever was written is all there will be.
-            if (!text.empty())
-                return static_cast<pid_t>(std::atoi(text.c_str()));
+            if (!text.empty()) return static_cast<pid_t>(std::atoi(text.c_str()));
             return -1;
         }
         ::usleep(2000);
@@ -182,53 +172,43 @@ bool device_root::process::write_stdin(const std::string& bytes) {
     size_t done = 0;
     while (s_->in_fd >= 0 && done < bytes.size()) {
         const ssize_t n = ::write(s_->in_fd, bytes.data() + done, bytes.size() - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
         done += static_cast<size_t>(n);
     }
     return done == bytes.size();
 }
 
 void device_root::process::close_stdin() {
-    if (s_->in_fd >= 0)
-        ::close(s_->in_fd);
+    if (s_->in_fd >= 0) ::close(s_->in_fd);
     s_->in_fd = -1;
 }
 
 void device_root::process::kill(int sig) const {
     const pid_t p = pid();
-    if (p > 0)
-        ::kill(p, sig);
+    if (p > 0) ::kill(p, sig);
 }
 
 run_result device_root::process::wait(bool close_input) {
     run_result result;
-    if (s_->waited)
-        return result;
-    if (close_input)
-        close_stdin();
+    if (s_->waited) return result;
+    if (close_input) close_stdin();
     int status = 0;
     for (;;) {
         const pid_t r = ::waitpid(s_->launcher_pid, &status, WNOHANG);
-        if (r == s_->launcher_pid)
-            break;
-        if (r < 0 && errno != EINTR)
-            break;
+        if (r == s_->launcher_pid) break;
+        if (r < 0 && errno != EINTR) break;
         if (std::chrono::steady_clock::now() >= s_->deadline && !result.timed_out) {
             result.timed_out = true;
             const pid_t p = pid();
-            if (p > 0)
-                ::kill(p, SIGKILL);
+            if (p > 0) ::kill(p, SIGKILL);
             ::kill(s_->launcher_pid, SIGKILL);
         }
         ::usleep(1000);
     }
     s_->waited = true;
     ::close(s_->wake_write);
-    if (s_->reader.joinable())
-        s_->reader.join();
+    if (s_->reader.joinable()) s_->reader.join();
     ::close(s_->wake_read);
     result.out = std::move(s_->out);
     result.err = std::move(s_->err);
@@ -259,8 +239,7 @@ device_root::device_root() {
 
 device_root::~device_root() {
     const char* keep = std::getenv("DEVICE_ROOT_KEEP");
-    if (keep != nullptr && *keep != '\0' && std::strcmp(keep, "0") != 0)
-        return;
+    if (keep != nullptr && *keep != '\0' && std::strcmp(keep, "0") != 0) return;
     std::error_code ec;
     fs::remove_all(dir_, ec);
 }
@@ -268,8 +247,7 @@ device_root::~device_root() {
 std::string device_root::host_path(const std::string& device_path) const {
     for (const auto& m : mounts) {
         const std::string prefix = m.first;
-        if (device_path == prefix)
-            return dir_ + "/" + m.second;
+        if (device_path == prefix) return dir_ + "/" + m.second;
         if (device_path.compare(0, prefix.size(), prefix) == 0 &&
             device_path[prefix.size()] == '/') {
             return dir_ + "/" + m.second + device_path.substr(prefix.size());
@@ -292,8 +270,7 @@ void device_root::write(const std::string& device_path, const std::string& bytes
     fs::create_directories(fs::path(path).parent_path());
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    if (!out.flush())
-        throw std::runtime_error("cannot write " + path);
+    if (!out.flush()) throw std::runtime_error("cannot write " + path);
 }
 
 void device_root::remove(const std::string& device_path) {
@@ -338,11 +315,9 @@ std::vector<std::string> device_root::program_command(const std::string& binary)
     std::string word;
     for (const char* c = emulator;; ++c) {
         if (*c == '|' || *c == '\0') {
-            if (!word.empty())
-                cmd.push_back(word);
+            if (!word.empty()) cmd.push_back(word);
             word.clear();
-            if (*c == '\0')
-                break;
+            if (*c == '\0') break;
         } else {
             word += *c;
         }
@@ -360,10 +335,8 @@ device_root::process device_root::spawn_command(const std::vector<std::string>& 
 
     std::vector<std::string> words = {
         launcher, "--root", dir_, "--pidfile", s->pidfile, "--uid", std::to_string(options.uid)};
-    if (options.readonly_log)
-        words.push_back("--readonly-log");
-    if (options.no_persistent)
-        words.push_back("--no-persistent");
+    if (options.readonly_log) words.push_back("--readonly-log");
+    if (options.no_persistent) words.push_back("--no-persistent");
     for (const auto& [name, value] : options.env) {
         words.push_back("--env");
         words.push_back(name + "=" + value);
@@ -397,8 +370,7 @@ device_root::process device_root::spawn_command(const std::vector<std::string>& 
         throw std::runtime_error("pipe failed");
     }
     const pid_t child = ::fork();
-    if (child < 0)
-        throw std::runtime_error("fork failed");
+    if (child < 0) throw std::runtime_error("fork failed");
     if (child == 0) {
         // Only async-signal-safe calls from here: other threads may exist.
         ::dup2(in[0], 0);

@@ -19,8 +19,7 @@ bool can_create(const std::string& path) {
     std::ofstream out(path);
     const bool ok = static_cast<bool>(out << "x");
     out.close();
-    if (ok)
-        unlink(path.c_str());
+    if (ok) unlink(path.c_str());
     return ok;
 }
 }  // namespace

@@ -10,11 +10,9 @@
 extern char** environ;
 
 int main(int argc, char** argv) {
-    if (argc < 2)
-        return 2;
+    if (argc < 2) return 2;
     const char* what = argv[1];
-    if (std::strcmp(what, "exit") == 0 && argc == 3)
-        return std::atoi(argv[2]);
+    if (std::strcmp(what, "exit") == 0 && argc == 3) return std::atoi(argv[2]);
     if (std::strcmp(what, "cat") == 0) {
         char buf[8192];
         size_t n;

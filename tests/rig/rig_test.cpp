@@ -126,8 +126,7 @@ TEST(Layout, LogPersistentDirectoryAndEnvironment) {
     // Sanitizer settings of a sanitizer build are passed on too; leave them out.
     std::string env;
     for (const std::string& line : lines(root.run_command(probe({"env"}), cgi).out)) {
-        if (line.find("SAN_") == std::string::npos)
-            env += line + "\n";
+        if (line.find("SAN_") == std::string::npos) env += line + "\n";
     }
     EXPECT_TRUE(env == "REQUEST_METHOD=GET\nQUERY_STRING=status=1\n" ||
                 env == "QUERY_STRING=status=1\nREQUEST_METHOD=GET\n")

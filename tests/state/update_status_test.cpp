@@ -80,10 +80,10 @@ TEST_F(UpdateLog, EntriesCarryStampPercentAndBreak) {
         status.add_line("receiving package file ...", 10);
     });
     // The second stamp counts from the first: a few milliseconds at most.
-    EXPECT_TRUE(std::regex_match(
-        read_file(paths::log_file),
-        std::regex(R"(\[000\.000:1\] waiting for file \.\.\.<br>)"
-                   R"(\[000\.0\d\d:10\] receiving package file \.\.\.<br>)")))
+    EXPECT_TRUE(
+        std::regex_match(read_file(paths::log_file),
+                         std::regex(R"(\[000\.000:1\] waiting for file \.\.\.<br>)"
+                                    R"(\[000\.0\d\d:10\] receiving package file \.\.\.<br>)")))
         << read_file(paths::log_file);
 }
 

@@ -23,8 +23,7 @@ class dribbled_pipe {
             size_t at = 0;
             for (size_t i = 0; at < data.size(); ++i) {
                 size_t piece = std::min(pieces[i % pieces.size()], data.size() - at);
-                if (::write(fd, data.data() + at, piece) != static_cast<ssize_t>(piece))
-                    break;
+                if (::write(fd, data.data() + at, piece) != static_cast<ssize_t>(piece)) break;
                 at += piece;
             }
             ::close(fd);
@@ -56,8 +55,7 @@ std::string lines_then_blocks(input_stream& input, size_t lines) {
         }
         size_t got = input.read_block(buffer.data() + fill, 512, buffer.size() - fill);
         fill += got;
-        if (input.at_end() || got < 512)
-            break;
+        if (input.at_end() || got < 512) break;
     }
     out.append(buffer.data(), fill);
     return out;

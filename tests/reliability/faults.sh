@@ -87,14 +87,21 @@ stall() {
     echo "$v" >"$root.verdict"
 }
 
+# Starts the POST with its body arriving slowly and waits until it copies;
+# sets POST_PID. Fails when the copy never starts.
+post_in_mid_copy() {  # root
+    start_post "$1"
+    stream_body "$1"
+    wait_for_copy "$1" && POST_PID=$(pid_of_post "$1")
+}
+
 # --- SIGTERM in mid-copy: exit 0, lock freed -------------------------------
 sigterm() {
     local root=$work/sigterm/$1 v=ok rc pid
     new_root "$root"
     take_lock "$root" || v="lock not taken"
-    start_post "$root"
-    stream_body "$root"
-    if wait_for_copy "$root" && pid=$(pid_of_post "$root"); then
+    if post_in_mid_copy "$root"; then
+        pid=$POST_PID
         kill -TERM "$pid"
         wait_post "$pid"
         rc=$?
@@ -115,9 +122,8 @@ sigkill() {
     local root=$work/sigkill/$1 v=ok rc pid
     new_root "$root"
     take_lock "$root" || v="lock not taken"
-    start_post "$root"
-    stream_body "$root"
-    if wait_for_copy "$root" && pid=$(pid_of_post "$root"); then
+    if post_in_mid_copy "$root"; then
+        pid=$POST_PID
         kill -KILL "$pid"
         wait_post "$pid"
         rc=$?

@@ -1,0 +1,28 @@
+#pragma once
+
+#include "console.h"
+
+// Live lines at the bottom of a terminal, one per device, redrawn in place.
+// With one device its steps and log entries scroll above its line, which
+// shows the upload's bar, rate and time left; with several each line shows
+// the device's latest step or entry.
+class live_console : public console {
+  public:
+    explicit live_console(const std::vector<std::string>& labels);
+    ~live_console() override;
+    update_report& device(size_t index) override;
+    void print(const std::string& text) override;
+
+  private:
+    class report;
+    void set_line(size_t index, const std::string& text);
+    // Prints `text` as a line above the live lines.
+    void above(const std::string& text);
+    void draw();
+
+    std::mutex mutex_;
+    std::vector<std::string> lines_;
+    std::vector<std::unique_ptr<report>> reports_;
+    size_t drawn_ = 0;
+    size_t label_width_ = 0;
+};

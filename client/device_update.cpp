@@ -60,7 +60,7 @@ class device_update {
         saved_before_ = saved_log_time(polls_);
         log_.take_baseline();
         report_.step("sending " + file_name(settings_.package));
-        package_upload post(control_, settings_.package);
+        package_upload post(control_, settings_.package, settings_.rate_limit);
         follow(post);
         return conclude(post);
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "exit_status.h"
@@ -13,6 +14,8 @@ struct update_settings {
     // to move once the package is sent.
     int timeout_seconds = 300;
     bool wait_for_restart = true;
+    // Bytes per second the upload may use; 0: as fast as the network goes.
+    uint64_t rate_limit = 0;
 };
 
 // One device's whole update, as the update page does it: the lock state

@@ -25,7 +25,8 @@ constexpr status_row rows[] = {
      "the device answered something this client does not know"},
     {EXIT_NO_RESULT, "no result",
      "the update ended without a success or error entry, or the saved log does not say success"},
-    {EXIT_INTERRUPTED, "interrupted", "stopped by a signal (Ctrl-C); the device was left free"},
+    {EXIT_INTERRUPTED, "interrupted",
+     "stopped by a signal (Ctrl-C); an upload under way is cancelled, the device left free"},
     {EXIT_DEVICE_ERROR, "device error",
      "the device's update ended with an error it has no number for"},
 };

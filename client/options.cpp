@@ -1,5 +1,6 @@
 #include "options.h"
 
+#include <cctype>
 #include <cstdlib>
 #include <fstream>
 
@@ -15,6 +16,22 @@ bool to_number(const std::string& text, int low, int high, int& value) {
     const long number = std::strtol(text.c_str(), &end, 10);
     if (text.empty() || *end != '\0' || number < low || number > high) return false;
     value = static_cast<int>(number);
+    return true;
+}
+
+// "512K", "4M" or plain bytes, per second.
+bool to_rate(const std::string& text, uint64_t& rate) {
+    char* end = nullptr;
+    const unsigned long long number = std::strtoull(text.c_str(), &end, 10);
+    const std::string unit = end;
+    uint64_t scale = 1;
+    if (unit == "K" || unit == "k") scale = 1024;
+    if (unit == "M" || unit == "m") scale = 1048576;
+    if (text.empty() || !std::isdigit(static_cast<unsigned char>(text[0])) || number == 0 ||
+        (scale == 1 && !unit.empty()) || number > (1ULL << 40)) {
+        return false;
+    }
+    rate = number * scale;
     return true;
 }
 
@@ -95,6 +112,11 @@ class parser {
         } else if (name == "--timeout") {
             if (!to_number(value, 1, longest_timeout_s, out_.update.timeout_seconds)) {
                 error = "--timeout takes seconds, 1 to " + std::to_string(longest_timeout_s);
+                return false;
+            }
+        } else if (name == "--limit-rate") {
+            if (!to_rate(value, out_.update.rate_limit)) {
+                error = "--limit-rate takes bytes per second, with K or M for KiB or MiB";
                 return false;
             }
         } else if (name == "--parallel") {
@@ -197,6 +219,7 @@ std::string usage_text() {
            "  --timeout SECONDS      longest wait for the restart, and for a device's log\n"
            "                         to move once the package is sent (default 300)\n"
            "  --no-wait              end at the success entry, before the restart\n"
+           "  --limit-rate RATE      upload at most RATE bytes per second (K, M: KiB, MiB)\n"
            "  --devices FILE         device URLs, one a line ('#' starts a comment)\n"
            "  --parallel N           update up to N devices at once (default 1)\n"
            "  --help, --version\n"

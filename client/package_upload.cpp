@@ -27,7 +27,8 @@ bool readable_package(const std::string& path) {
     return readable;
 }
 
-package_upload::package_upload(http_session& session, const std::string& package)
+package_upload::package_upload(http_session& session, const std::string& package,
+                               uint64_t rate_limit)
     : form_(curl_mime_init(session.handle())),
       start_(std::chrono::steady_clock::now()),
       last_move_(start_) {
@@ -42,6 +43,7 @@ package_upload::package_upload(http_session& session, const std::string& package
     curl_easy_setopt(curl, CURLOPT_MIMEPOST, form_);
     curl_easy_setopt(curl, CURLOPT_TIMEOUT, 0L);
     curl_easy_setopt(curl, CURLOPT_UPLOAD_BUFFERSIZE, upload_buffer_bytes);
+    curl_easy_setopt(curl, CURLOPT_MAX_SEND_SPEED_LARGE, static_cast<curl_off_t>(rate_limit));
     curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
     curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, on_progress);
     curl_easy_setopt(curl, CURLOPT_XFERINFODATA, this);

@@ -20,7 +20,7 @@ bool readable_package(const std::string& path);
 class package_upload {
   public:
     // Starts at once, on the session's handle; the session must outlive this.
-    package_upload(http_session& session, const std::string& package);
+    package_upload(http_session& session, const std::string& package, uint64_t rate_limit);
     // Cancels a transfer still running and waits for the thread.
     ~package_upload();
     package_upload(const package_upload&) = delete;

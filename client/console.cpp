@@ -8,6 +8,12 @@ std::unique_ptr<console> make_console(const std::vector<std::string>& labels, bo
     return std::make_unique<plain_console>(labels);
 }
 
+void console::print(const std::string& text) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::fputs(text.c_str(), stdout);
+    std::fflush(stdout);
+}
+
 void print_failure(const std::string& label, const std::string& message) {
     std::fflush(stdout);
     if (label.empty()) {

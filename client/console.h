@@ -13,9 +13,13 @@
 class console {
   public:
     virtual ~console() = default;
-    virtual update_report& device(size_t index) = 0;
+    update_report& device(size_t index) { return *reports_[index]; }
     // Text after the updates (the summary table), below everything else.
-    virtual void print(const std::string& text) = 0;
+    void print(const std::string& text);
+
+  protected:
+    std::mutex mutex_;
+    std::vector<std::unique_ptr<update_report>> reports_;
 };
 
 // Live lines on a terminal (a progress bar; one line per device when there

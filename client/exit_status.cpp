@@ -31,7 +31,8 @@ constexpr status_row rows[] = {
      "the device's update ended with an error it has no number for"},
 };
 
-// The device's messages, by error number (index); see its update log.
+// The program's messages, by error number (index): the log carries only the
+// text. A copy, since the client links nothing of the device; a test compares.
 constexpr const char* device_messages[] = {
     "",
     "wrong input parameters",

@@ -99,18 +99,6 @@ void live_console::above(const std::string& text) {
     draw();
 }
 
-live_console::~live_console() = default;
-
-update_report& live_console::device(size_t index) {
-    return *reports_[index];
-}
-
-void live_console::print(const std::string& text) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::fputs(text.c_str(), stdout);
-    std::fflush(stdout);
-}
-
 // Lines longer than the terminal would wrap, and the cursor would no longer
 // go back to the first of them.
 void live_console::draw() {

@@ -9,9 +9,6 @@
 class live_console : public console {
   public:
     explicit live_console(const std::vector<std::string>& labels);
-    ~live_console() override;
-    update_report& device(size_t index) override;
-    void print(const std::string& text) override;
 
   private:
     class report;
@@ -20,9 +17,7 @@ class live_console : public console {
     void above(const std::string& text);
     void draw();
 
-    std::mutex mutex_;
     std::vector<std::string> lines_;
-    std::vector<std::unique_ptr<report>> reports_;
     size_t drawn_ = 0;
     size_t label_width_ = 0;
 };

@@ -47,15 +47,3 @@ void plain_console::line(const std::string& label, const std::string& text) {
     std::printf("%s\n", text.c_str());
     std::fflush(stdout);
 }
-
-plain_console::~plain_console() = default;
-
-update_report& plain_console::device(size_t index) {
-    return *reports_[index];
-}
-
-void plain_console::print(const std::string& text) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::fputs(text.c_str(), stdout);
-    std::fflush(stdout);
-}

@@ -49,6 +49,9 @@ class device_update {
     outcome run() {
         report_.step("asking the device's lock state");
         const http_answer lock = control_.get(device_path::lock_state);
+        if (lock.reached() && lock.code == 401 && settings_.who.user.empty()) {
+            return {EXIT_WRONG_PASSWORD, "the device asks for a user and password: give --user"};
+        }
         if (!lock.ok()) return lock.failure();
         if (lock.body == "STATUS_BUSY") {
             return {EXIT_BUSY, "device busy: another update is running; nothing was sent"};

@@ -62,6 +62,8 @@ class device_update {
         }
         saved_before_ = saved_log_time(polls_);
         log_.take_baseline();
+        if (interrupted())
+            return {EXIT_INTERRUPTED, "interrupted before the upload; nothing was sent"};
         report_.step("sending " + file_name(settings_.package));
         package_upload post(control_, settings_.package, settings_.rate_limit);
         follow(post);
@@ -75,16 +77,22 @@ class device_update {
     // for the timeout ends the wait.
     void follow(package_upload& post) {
         auto next_poll = clock_type::now();
+        auto quiet_since = next_poll;  // the body sent, or the log changed
         while (!interrupted()) {
-            const bool ended = post.wait(tick);
+            if (post.wait(tick)) {
+                if (post.answer().reached() || !post.body_sent()) return;
+                std::this_thread::sleep_for(tick);
+            }
             report_.upload(post.sent(), post.total(), post.send_seconds());
-            if (ended && (post.answer().reached() || !post.body_sent())) return;
+            if (!post.body_sent()) quiet_since = clock_type::now();
             if (clock_type::now() >= next_poll) {
-                log_.poll();
+                if (log_.poll()) quiet_since = clock_type::now();
                 next_poll = clock_type::now() + poll_interval;
                 if (log_.final_entry()) return;
             }
-            if (post.body_sent() && log_.quiet_seconds() > settings_.timeout_seconds) return;
+            if (clock_type::now() - quiet_since > std::chrono::seconds(settings_.timeout_seconds)) {
+                return;
+            }
         }
     }
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <optional>
 #include <string>
 
@@ -19,13 +18,12 @@ class log_follower {
     // Reads the log before the upload: its entries up to a final one belong
     // to an earlier update.
     void take_baseline();
-    // One progress request; an answer that fails is skipped.
-    void poll();
+    // One progress request; an answer that fails is skipped. True when the
+    // log has changed.
+    bool poll();
 
     // The success or error entry that ended this update, once seen.
     const std::optional<log_entry>& final_entry() const { return final_; }
-    // Seconds since the log last changed (or since the baseline).
-    double quiet_seconds() const;
 
   private:
     http_session& session_;
@@ -33,6 +31,5 @@ class log_follower {
     std::string seen_;  // the log as last read
     size_t base_ = 0;   // entries of an earlier update at its start
     size_t shown_ = 0;  // entries of the log shown so far, base included
-    std::chrono::steady_clock::time_point changed_;
     std::optional<log_entry> final_;
 };

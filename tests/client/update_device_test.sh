@@ -49,10 +49,11 @@ cut_upload() {  # a progress poll takes the lock, then the connection goes
         cp "$ROOT/var-log/updater-cgi.lock" "$ROOT/lock-before-cut" &&
         ss -K dst 127.0.0.1 dport = ":$PORT" >/dev/null 2>&1
 }
-second_device() {  # a second device, whose installer fails
+second_device() {  # a second device, from a devices file, whose installer fails
     local first=("$ROOT" "$BASE" "$DEVICE_JOB" "$LIGHTTPD_PID")
     device_init "client_${name}_b" && installer_fails && device_start || exit 1
-    urls+=("$BASE") second=("$DEVICE_JOB" "$LIGHTTPD_PID")
+    printf '# the second device\n%s/update/\n' "$BASE" >"$ROOT/devices"
+    urls+=(--devices "$ROOT/devices") second=("$DEVICE_JOB" "$LIGHTTPD_PID")
     ROOT=${first[0]} BASE=${first[1]} DEVICE_JOB=${first[2]} LIGHTTPD_PID=${first[3]}
     stop_second() { DEVICE_JOB=${second[0]} LIGHTTPD_PID=${second[1]} device_stop; }
 }

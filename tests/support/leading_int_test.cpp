@@ -1,28 +1,35 @@
 #include "support/leading_int.h"
-#include "upload/text_utils.h"
 
 #include <gtest/gtest.h>
 
-TEST(LeadingInt, ReadsLikeAFormattedExtraction) {
-    EXPECT_EQ(string_to_int("42"), 42);
-    EXPECT_EQ(string_to_int(" 42"), 42);
-    EXPECT_EQ(string_to_int("\n\t+7"), 7);
-    EXPECT_EQ(string_to_int("-1"), -1);
-    EXPECT_EQ(string_to_int("12abc"), 12);
-    EXPECT_EQ(string_to_int("2\n"), 2);
+#include <cstdint>
+#include <limits>
+
+namespace {
+
+constexpr int32_t max = std::numeric_limits<int32_t>::max();
+constexpr int32_t min = std::numeric_limits<int32_t>::min();
+
+TEST(LeadingInt, ReadsLikeAFormattedExtractionAndClampsTo32Bits) {
+    const std::pair<const char*, std::optional<int32_t>> cases[] = {
+        {"7", 7},
+        {" \t\n\v\f\r+42", 42},
+        {"-1", -1},
+        {"12abc", 12},
+        {"2\n", 2},
+        {"", std::nullopt},
+        {"x1", std::nullopt},
+        {"-", std::nullopt},
+        {"- 1", std::nullopt},
+        {"2147483647", max},
+        {"2147483648", max},
+        {"99999999999999999999", max},
+        {"-2147483648", min},
+        {"-99999999999999999999", min},
+    };
+    for (const auto& [text, value] : cases) {
+        EXPECT_EQ(read_leading_int(text), value) << '"' << text << '"';
+    }
 }
 
-TEST(LeadingInt, TextWithoutLeadingNumberIsNoNumber) {
-    EXPECT_FALSE(read_leading_int("").has_value());
-    EXPECT_FALSE(read_leading_int("x1").has_value());
-    EXPECT_FALSE(read_leading_int("-").has_value());
-    EXPECT_FALSE(read_leading_int("- 1").has_value());
-    EXPECT_EQ(string_to_int("abc"), 0);
-}
-
-TEST(LeadingInt, HugeValuesClampInsteadOfBecomingZero) {
-    EXPECT_EQ(string_to_int("99999999999999999999"), 2147483647);
-    EXPECT_EQ(string_to_int("-99999999999999999999"), -2147483647 - 1);
-    EXPECT_EQ(string_to_int("2147483648"), 2147483647);
-    EXPECT_EQ(string_to_int("-2147483648"), -2147483647 - 1);
-}
+}  // namespace

@@ -3,48 +3,54 @@
 
 #include <gtest/gtest.h>
 #include <unistd.h>
+
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include "multipart_body.h"
 
 namespace {
 
 // A pipe whose writer delivers `data` in pieces of the given sizes (cycled),
 // so that reads see short counts at awkward places.
-class dribbled_pipe {
-  public:
+struct dribbled_pipe {
     dribbled_pipe(std::string data, std::vector<size_t> pieces) {
         int ends[2];
         EXPECT_EQ(::pipe(ends), 0);
-        read_end = ends[0];
-        writer = std::thread([fd = ends[1], data = std::move(data), pieces = std::move(pieces)] {
-            size_t at = 0;
-            for (size_t i = 0; at < data.size(); ++i) {
+        fd = ends[0];
+        writer = std::thread([out = ends[1], data = std::move(data), pieces = std::move(pieces)] {
+            for (size_t at = 0, i = 0; at < data.size(); ++i) {
                 size_t piece = std::min(pieces[i % pieces.size()], data.size() - at);
-                if (::write(fd, data.data() + at, piece) != static_cast<ssize_t>(piece)) break;
+                if (::write(out, data.data() + at, piece) != static_cast<ssize_t>(piece)) break;
                 at += piece;
             }
-            ::close(fd);
+            ::close(out);
         });
     }
     ~dribbled_pipe() {
-        ::close(read_end);
+        ::close(fd);
         writer.join();
     }
-    int read_end;
-
-  private:
+    int fd;
     std::thread writer;
 };
 
-// Line reads, then 512-byte block reads into a 4 KiB buffer with read-ahead
+std::string random_bytes(size_t size) {
+    std::mt19937 random(size);
+    std::string bytes(size, '\0');
+    for (char& byte : bytes)
+        byte = static_cast<char>(random());
+    return bytes;
+}
+
+// Two lines, then 512-byte block reads into a 4 KiB buffer with read-ahead
 // into its free rest, as the reassembly does; returns the block bytes.
-std::string lines_then_blocks(input_stream& input, size_t lines) {
+std::string lines_then_blocks(input_stream& input) {
     std::string line;
-    for (size_t i = 0; i < lines; ++i)
-        EXPECT_EQ(input.read_line(line, 1000), input_stream::line_result::ok);
+    EXPECT_EQ(input.read_line(line, 100), input_stream::line_result::ok);
+    EXPECT_EQ(line, "first line");
+    EXPECT_EQ(input.read_line(line, 100), input_stream::line_result::ok);
+    EXPECT_EQ(line, "second");
     std::vector<char> buffer(4096);
     std::string out;
     size_t fill = 0;
@@ -57,59 +63,70 @@ std::string lines_then_blocks(input_stream& input, size_t lines) {
         fill += got;
         if (input.at_end() || got < 512) break;
     }
-    out.append(buffer.data(), fill);
-    return out;
+    return out.append(buffer.data(), fill);
 }
 
-TEST(InputStream, BlockReadsWithReadAheadDeliverEveryByteInOrder) {
-    const std::string content = awkward_content(100000, 11);
-    const std::string head = "first line\r\nsecond\n";
+TEST(InputStream, LineAndBlockReadsDeliverEveryByteInOrder) {
+    const std::string content = random_bytes(100000);
     for (const std::vector<size_t>& pieces :
          std::vector<std::vector<size_t>>{{1}, {7, 513, 1}, {511}, {4096}, {70000}}) {
-        dribbled_pipe pipe(head + content, pieces);
-        input_stream input(pipe.read_end);
-        EXPECT_TRUE(lines_then_blocks(input, 2) == content) << "pieces of " << pieces[0];
+        dribbled_pipe pipe("first line\r\nsecond\n" + content, pieces);
+        input_stream input(pipe.fd);
+        EXPECT_TRUE(lines_then_blocks(input) == content) << "pieces of " << pieces[0];
         EXPECT_TRUE(input.at_end());
     }
 }
 
-TEST(InputStream, ReadAheadIsFoundInPlaceOrCopiedWhereAsked) {
-    const std::string content =
-        awkward_content(1624, 5) + "the line\r\n" + awkward_content(1400, 6);
+TEST(InputStream, ReadAheadIsTakenInPlaceOrCopiedWhereAsked) {
+    const std::string content = random_bytes(1624) + "the line\r\n" + random_bytes(1400);
     dribbled_pipe pipe(content, {content.size()});
-    input_stream input(pipe.read_end);
+    input_stream input(pipe.fd);
     std::vector<char> buffer(4096, 'x');
-
     ASSERT_EQ(input.read_block(buffer.data(), 512, buffer.size()), 512u);
     EXPECT_TRUE(input.last_read_waited());
-    // The next bytes already lie right behind: no wait, nothing to move.
     ASSERT_EQ(input.read_block(buffer.data() + 512, 512, buffer.size() - 512), 512u);
     EXPECT_FALSE(input.last_read_waited());
-    // A caller that asks elsewhere still gets them, in order.
     std::vector<char> elsewhere(600);
     ASSERT_EQ(input.read_block(elsewhere.data(), 600), 600u);
     EXPECT_FALSE(input.last_read_waited());
+    EXPECT_TRUE(std::string(buffer.data(), 1024) == content.substr(0, 1024));
     EXPECT_TRUE(std::string(elsewhere.data(), 600) == content.substr(1024, 600));
-    // Line reads go on from the read-ahead too.
     std::string line;
     ASSERT_EQ(input.read_line(line, 100), input_stream::line_result::ok);
     EXPECT_EQ(line, "the line");
-    EXPECT_TRUE(std::string(buffer.data(), 1024) == content.substr(0, 1024));
 }
 
-TEST(InputStream, EndAndShortLastBlock) {
-    dribbled_pipe pipe("line\n" + std::string(700, 'a'), {3});
-    input_stream input(pipe.read_end);
-    std::string line;
-    ASSERT_EQ(input.read_line(line, 10), input_stream::line_result::ok);
-    EXPECT_EQ(line, "line");
+TEST(InputStream, ShortLastBlockEndsTheInput) {
+    dribbled_pipe pipe(std::string(700, 'a'), {3});
+    input_stream input(pipe.fd);
     std::vector<char> buffer(2048);
     EXPECT_EQ(input.read_block(buffer.data(), 512, 2048), 512u);
     EXPECT_FALSE(input.at_end());
     EXPECT_EQ(input.read_block(buffer.data() + 512, 512, 1536), 188u);
     EXPECT_TRUE(input.at_end());
-    EXPECT_EQ(input.read_block(buffer.data(), 512, 2048), 0u);
+    std::string line;
     EXPECT_EQ(input.read_line(line, 10), input_stream::line_result::end);
+}
+
+// The limit counts a line's CR but not its LF.
+TEST(InputStream, LineLimit) {
+    using result = input_stream::line_result;
+    const std::tuple<const char*, size_t, result, const char*> cases[] = {
+        {"abcd\r\n", 5, result::ok, "abcd"},
+        {"\r\n", 1, result::ok, ""},
+        {"abcdef\n", 5, result::too_long, ""},
+        {"abc", 5, result::end, "abc"},
+        {"", 5, result::end, ""},
+    };
+    for (const auto& [text, limit, expected, line] : cases) {
+        dribbled_pipe pipe(text, {2});
+        input_stream input(pipe.fd);
+        std::string got;
+        EXPECT_EQ(input.read_line(got, limit), expected) << text;
+        if (expected == result::ok) {
+            EXPECT_EQ(got, line) << text;
+        }
+    }
 }
 
 }  // namespace

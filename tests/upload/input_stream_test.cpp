@@ -14,6 +14,10 @@ namespace {
 
 using result = input_stream::line_result;
 
+// A read that never returns must not hold a core after the suite gave up on
+// it: the whole test program ends after two minutes.
+const unsigned no_earlier_alarm = ::alarm(120);
+
 // A pipe whose writer delivers `data` in pieces of the given sizes (cycled),
 // so that reads see short counts at awkward places.
 struct dribbled_pipe {

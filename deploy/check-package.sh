@@ -15,7 +15,6 @@ deb=$(echo "$scratch"/*.deb)
     fail "fields: $(dpkg-deb -f "$deb" Package Architecture)"
 
 listing=$(dpkg-deb -c "$deb" | awk '$1 !~ /^d/ { print $1, $6 }')
-echo "$listing"
 grep -qx -- '-rwxr-xr-x ./www/cgi-bin/updater' <<<"$listing" || fail "no program ./www/cgi-bin/updater"
 layout='\./(www/cgi-bin/updater|usr/lib/updater/cgi-header|etc/lighttpd/conf.d/updater.conf|www/update/.*)'
 ! grep -vE " $layout\$" <<<"$listing" || fail "files outside the layout (above)"

@@ -47,6 +47,22 @@ class device_update {
           log_(polls_, report) {}
 
     outcome run() {
+        const outcome lock = ask_lock_state();
+        if (!lock.ok()) return lock;
+        saved_before_ = saved_log_time(polls_);
+        log_.take_baseline();
+        if (interrupted()) {
+            return {EXIT_INTERRUPTED, "interrupted before the upload; nothing was sent"};
+        }
+        report_.step("sending " + file_name(settings_.package));
+        package_upload post(control_, settings_.package, settings_.rate_limit);
+        follow(post);
+        return conclude(post);
+    }
+
+  private:
+    // Our own upload has not begun: asking the lock state is safe here.
+    outcome ask_lock_state() {
         report_.step("asking the device's lock state");
         const http_answer lock = control_.get(device_path::lock_state);
         if (lock.reached() && lock.code == 401 && settings_.who.user.empty()) {
@@ -60,17 +76,9 @@ class device_update {
             return {EXIT_UNEXPECTED_ANSWER,
                     "unexpected lock state \"" + lock.body.substr(0, 40) + "\""};
         }
-        saved_before_ = saved_log_time(polls_);
-        log_.take_baseline();
-        if (interrupted())
-            return {EXIT_INTERRUPTED, "interrupted before the upload; nothing was sent"};
-        report_.step("sending " + file_name(settings_.package));
-        package_upload post(control_, settings_.package, settings_.rate_limit);
-        follow(post);
-        return conclude(post);
+        return {};
     }
 
-  private:
     // Progress requests only, until the final entry or the POST's end (a
     // lost connection after the whole body leaves the update running: the
     // log goes on telling). Once the body is sent, a log that stays quiet

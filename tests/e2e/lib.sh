@@ -1,13 +1,11 @@
-# Sourced by the end-to-end tests and scripts/demo: a device root served by a
-# real lighttpd on a free loopback port, and small helpers around it.
-#
-# Needs UPDATER_BIN and CGI_HEADER_BIN (the built program and adaptor).
-# After device_start: ROOT (device root on the host), PORT, BASE (the URL of the
-# server), CGI (the program's URL), LIGHTTPD_PID.
+# Sourced by the end-to-end driver, the reliability runs, scripts/demo and
+# scripts/bench: a device root served by device-lighttpd, and requests made
+# as the update page makes them (signed in, with the page's own header).
+# Needs UPDATER_BIN, CGI_HEADER_BIN and E2E_WORK. After device_start: ROOT,
+# BASE (the server's URL), CGI (the program's), PORT, AUTH ("user:password").
 
 E2E_DIR=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 
-# --- checks ----------------------------------------------------------------
 passed=0 failed=0
 check() {  # name expected actual
     if [ "$2" == "$3" ]; then
@@ -15,8 +13,7 @@ check() {  # name expected actual
         echo "ok   $1"
     else
         failed=$((failed + 1))
-        echo "FAIL $1"
-        printf '     expected: %q\n     actual:   %q\n' "$2" "$3"
+        printf 'FAIL %s\n     expected: %q\n     actual:   %q\n' "$1" "$2" "$3"
     fi
 }
 check_true() {  # name command...
@@ -29,74 +26,43 @@ finish() {
     [ "$failed" -eq 0 ]
 }
 
-# --- the device ------------------------------------------------------------
-# Fresh device root under E2E_WORK with updates enabled and instant fakes.
+# A fresh device root under E2E_WORK with updates enabled and instant fakes.
 device_init() {  # name
     ROOT=$E2E_WORK/$1
     rm -rf "$ROOT"
     mkdir -p "$ROOT/fake"
     echo true >"$ROOT/fake/uci-value"
 }
-
-port_in_use() {
-    (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null
-}
-
-# Starts lighttpd in the device root on a port below the ephemeral range; a
-# port that turns out to be taken (another test won the race) costs one more
-# try on another port.
-device_start() {  # [launcher options...]
+device_start() {  # [device-lighttpd options...]
     DEVICE_ARGS=("$@")
-    local try
-    for try in 1 2 3 4 5 6; do
-        PORT=${E2E_PORT:-$((20000 + (RANDOM * 32768 + RANDOM) % 12000))}
-        port_in_use "$PORT" && continue
-        # A session of its own, so that device_stop can end whatever the
-        # server started and left behind (a CGI's shell commands).
-        setsid "$E2E_DIR/device-lighttpd" --root "$ROOT" --port "$PORT" \
-            --updater "$UPDATER_BIN" --adaptor "$CGI_HEADER_BIN" "$@" >>"$ROOT/lighttpd.out" 2>&1 &
-        DEVICE_JOB=$!
-        local i
-        for i in $(seq 100); do
-            if port_in_use "$PORT"; then
-                LIGHTTPD_PID=$(cat "$ROOT/server/lighttpd.pid")
-                BASE=http://127.0.0.1:$PORT
-                CGI=$BASE/cgi-bin/updater
-                return 0
-            fi
-            kill -0 "$DEVICE_JOB" 2>/dev/null || break
-            sleep 0.05
-        done
-        kill "$DEVICE_JOB" 2>/dev/null || true
-        wait "$DEVICE_JOB" 2>/dev/null || true
-        if [ -n "${E2E_PORT:-}" ]; then break; fi
-    done
-    echo "lighttpd did not start; its output:" >&2
-    cat "$ROOT/lighttpd.out" >&2
-    return 1
+    "$E2E_DIR/device-lighttpd" --root "$ROOT" --updater "$UPDATER_BIN" \
+        --adaptor "$CGI_HEADER_BIN" "$@" >/dev/null || return 1
+    BASE=$(cat "$ROOT/server/url") AUTH=$(cat "$ROOT/credentials")
+    CGI=$BASE/cgi-bin/updater PORT=${BASE##*:}
 }
-
-# Safe under set -e (scripts/demo): the processes may be gone already.
-device_stop() {
-    [ -n "${DEVICE_JOB:-}" ] || return 0
-    if [ -n "${LIGHTTPD_PID:-}" ]; then kill "$LIGHTTPD_PID" 2>/dev/null || true; fi
-    wait "$DEVICE_JOB" 2>/dev/null || true
-    kill -- "-$DEVICE_JOB" 2>/dev/null || true
-    DEVICE_JOB= LIGHTTPD_PID=
-}
-
-# What a reboot does to the device: the server goes away, the volatile
-# /var/log, /tmp and /var/tmp are emptied, /tolven/local stays.
+device_stop() { "$E2E_DIR/device-lighttpd" --root "$ROOT" --stop; }
+# What a reboot does: the server goes away, the volatile /var/log, /tmp and
+# /var/tmp are emptied, /tolven/local stays.
 device_reboot() {  # seconds down
     device_stop
     rm -rf "${ROOT:?}"/var-log/* "$ROOT"/tmp/* "$ROOT"/var-tmp/*
     sleep "${1:-2}"
-    E2E_PORT=$PORT device_start "${DEVICE_ARGS[@]}"
+    device_start "${DEVICE_ARGS[@]}" --port "$PORT"
 }
 
-# --- requests --------------------------------------------------------------
-progress() { curl -sS --max-time 10 "$CGI?request=1"; }
-lock_state() { curl -sS --max-time 10 "$CGI?status=1"; }
+page() { curl -sS --max-time 20 --digest -u "$AUTH" -H 'X-Updater-Page: 1' "$@"; }
+progress() { page "$CGI?request=1"; }
+lock_state() { page "$CGI?status=1"; }
+
+# Polls the command every 50 ms until it succeeds, at most the seconds given.
+wait_for() {  # seconds command...
+    local deadline=$((${EPOCHREALTIME/./} + $1 * 1000000))
+    shift
+    until "$@"; do
+        [ "${EPOCHREALTIME/./}" -lt "$deadline" ] || return 1
+        sleep 0.05
+    done
+}
 
 # The log with its time stamps replaced by T, one entry per line.
 entries() { sed -e 's/\[[0-9]\{3\}\.[0-9]\{3\}/[T/g' -e 's/<br>/&\n/g' | sed -e '/^$/d'; }
@@ -106,16 +72,6 @@ make_package() {  # file bytes
     head -c "$2" /dev/urandom >"$1"
 }
 
-# Waits until the command succeeds, polling every 50 ms, at most the seconds
-# given; returns its last status.
-wait_for() {  # seconds command...
-    local deadline=$(($(date +%s%N) + $1 * 1000000000))
-    shift
-    until "$@"; do
-        [ "$(date +%s%N)" -lt "$deadline" ] || return 1
-        sleep 0.05
-    done
-}
 
 has_upload_file() { compgen -G "$ROOT/var-tmp/lighttpd-upload-*" >/dev/null; }
 recorded() { grep -q -- "$1" "$ROOT/fake/record" 2>/dev/null; }

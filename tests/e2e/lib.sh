@@ -3,36 +3,18 @@
 # as the update page makes them (signed in, with the page's own header).
 # Needs UPDATER_BIN, CGI_HEADER_BIN and E2E_WORK. After device_start: ROOT,
 # BASE (the server's URL), CGI (the program's), PORT, AUTH ("user:password").
-
 E2E_DIR=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 
 passed=0 failed=0
 check() {  # name expected actual
-    if [ "$2" == "$3" ]; then
-        passed=$((passed + 1))
-        echo "ok   $1"
-    else
-        failed=$((failed + 1))
-        printf 'FAIL %s\n     expected: %q\n     actual:   %q\n' "$1" "$2" "$3"
-    fi
+    if [ "$2" == "$3" ]; then passed=$((passed + 1)) && echo "ok   $1"
+    else failed=$((failed + 1)) && printf 'FAIL %s\n     expected: %q\n     actual:   %q\n' "$1" "$2" "$3"; fi
 }
-check_true() {  # name command...
-    local name=$1
-    shift
-    if "$@"; then check "$name" yes yes; else check "$name" yes no; fi
-}
-finish() {
-    echo "$passed passed, $failed failed"
-    [ "$failed" -eq 0 ]
-}
+check_true() { if "${@:2}"; then check "$1" yes yes; else check "$1" yes no; fi; } # name command...
+finish() { echo "$passed passed, $failed failed" && [ "$failed" -eq 0 ]; }
 
 # A fresh device root under E2E_WORK with updates enabled and instant fakes.
-device_init() {  # name
-    ROOT=$E2E_WORK/$1
-    rm -rf "$ROOT"
-    mkdir -p "$ROOT/fake"
-    echo true >"$ROOT/fake/uci-value"
-}
+device_init() { ROOT=$E2E_WORK/$1 && rm -rf "$ROOT" && mkdir -p "$ROOT/fake" && echo true >"$ROOT/fake/uci-value"; }
 device_start() {  # [device-lighttpd options...]
     DEVICE_ARGS=("$@")
     "$E2E_DIR/device-lighttpd" --root "$ROOT" --updater "$UPDATER_BIN" \
@@ -53,14 +35,37 @@ device_reboot() {  # seconds down
 page() { curl -sS --max-time 20 --digest -u "$AUTH" -H 'X-Updater-Page: 1' "$@"; }
 progress() { page "$CGI?request=1"; }
 lock_state() { page "$CGI?status=1"; }
+# A random package in ROOT/pkg, and what the installer fake records of it.
+package() {  # bytes
+    head -c "$1" /dev/urandom >"$ROOT/pkg"
+    installed="updater -f /tmp/updater-cgi-temp.pkg sha256=$(sha256sum <"$ROOT/pkg" | cut -d' ' -f1) size=$1"
+}
+# Posts ROOT/pkg as the page does and prints the status. In the background
+# only: the job becomes curl itself, so that $! is curl's pid.
+post() {  # curl options...
+    exec curl -sS --max-time 180 --digest -u "$AUTH" -H 'X-Updater-Page: 1' -o "$ROOT/post.body" \
+        -w '%{http_code}' "$@" -F "package=@$ROOT/pkg;filename=fw.pkg" "$CGI"
+}
 
 # Polls the command every 50 ms until it succeeds, at most the seconds given.
 wait_for() {  # seconds command...
     local deadline=$((${EPOCHREALTIME/./} + $1 * 1000000))
-    shift
-    until "$@"; do
-        [ "${EPOCHREALTIME/./}" -lt "$deadline" ] || return 1
-        sleep 0.05
-    done
+    until "${@:2}"; do [ "${EPOCHREALTIME/./}" -lt "$deadline" ] && sleep 0.05 || return 1; done
 }
 
+# Requests that must never reach the program: no credentials, wrong ones, no
+# user file or an empty one, without the page's header, marked cross-site.
+# One line each on standard output: "expected-status status".
+hostile_requests() {
+    local a="--digest -u $AUTH" h=-HX-Updater-Page:1 x=-HSec-Fetch-Site:cross-site f=-Fpackage=@$ROOT/pkg
+    ask() { echo "$1 $(curl -s --max-time 20 -o /dev/null -w '%{http_code}' "${@:2}")"; }
+    ask 401 "$BASE/update/"; ask 401 $h "$CGI?request=1"; ask 401 $h "$CGI?status=1"; ask 401 $h "$CGI?reboot=1"
+    ask 401 $h $f "$CGI"; ask 401 --digest -u "${AUTH%%:*}:wrong" $h "$CGI?reboot=1"
+    ask 403 $a "$CGI?reboot=1"; ask 403 $a -HX-Updater-Page:0 "$CGI?request=1"; ask 403 $a $f "$CGI"
+    ask 403 $a "$CGI/x?status=1"; ask 403 $a $h $x "$CGI?reboot=1"; ask 403 $a $h $x $f "$CGI"
+    mv "$ROOT/server/updater.htdigest" "$ROOT/users"
+    ask 401 $a $h "$CGI?reboot=1"
+    : >"$ROOT/server/updater.htdigest"
+    ask 401 $a $h "$CGI?reboot=1"
+    mv "$ROOT/users" "$ROOT/server/updater.htdigest"
+}

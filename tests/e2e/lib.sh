@@ -17,19 +17,15 @@ finish() { echo "$passed passed, $failed failed" && [ "$failed" -eq 0 ]; }
 device_init() { ROOT=$E2E_WORK/$1 && rm -rf "$ROOT" && mkdir -p "$ROOT/fake" && echo true >"$ROOT/fake/uci-value"; }
 device_start() {  # [device-lighttpd options...]
     DEVICE_ARGS=("$@")
-    "$E2E_DIR/device-lighttpd" --root "$ROOT" --updater "$UPDATER_BIN" \
-        --adaptor "$CGI_HEADER_BIN" "$@" >/dev/null || return 1
-    BASE=$(cat "$ROOT/server/url") AUTH=$(cat "$ROOT/credentials")
-    CGI=$BASE/cgi-bin/updater PORT=${BASE##*:}
+    "$E2E_DIR/device-lighttpd" --root "$ROOT" --updater "$UPDATER_BIN" --adaptor "$CGI_HEADER_BIN" "$@" >/dev/null || return 1
+    BASE=$(cat "$ROOT/server/url") AUTH=$(cat "$ROOT/credentials") && CGI=$BASE/cgi-bin/updater PORT=${BASE##*:}
 }
 device_stop() { "$E2E_DIR/device-lighttpd" --root "$ROOT" --stop; }
 # What a reboot does: the server goes away, the volatile /var/log, /tmp and
 # /var/tmp are emptied, /tolven/local stays.
 device_reboot() {  # seconds down
-    device_stop
-    rm -rf "${ROOT:?}"/var-log/* "$ROOT"/tmp/* "$ROOT"/var-tmp/*
-    sleep "${1:-2}"
-    device_start "${DEVICE_ARGS[@]}" --port "$PORT"
+    device_stop && rm -rf "${ROOT:?}"/var-log/* "$ROOT"/tmp/* "$ROOT"/var-tmp/*
+    sleep "${1:-2}" && device_start "${DEVICE_ARGS[@]}" --port "$PORT"
 }
 
 page() { curl -sS --max-time 20 --digest -u "$AUTH" -H 'X-Updater-Page: 1' "$@"; }
@@ -63,9 +59,6 @@ hostile_requests() {
     ask 401 $h $f "$CGI"; ask 401 --digest -u "${AUTH%%:*}:wrong" $h "$CGI?reboot=1"
     ask 403 $a "$CGI?reboot=1"; ask 403 $a -HX-Updater-Page:0 "$CGI?request=1"; ask 403 $a $f "$CGI"
     ask 403 $a "$CGI/x?status=1"; ask 403 $a $h $x "$CGI?reboot=1"; ask 403 $a $h $x $f "$CGI"
-    mv "$ROOT/server/updater.htdigest" "$ROOT/users"
-    ask 401 $a $h "$CGI?reboot=1"
-    : >"$ROOT/server/updater.htdigest"
-    ask 401 $a $h "$CGI?reboot=1"
-    mv "$ROOT/users" "$ROOT/server/updater.htdigest"
+    mv "$ROOT/server/updater.htdigest" "$ROOT/users" && ask 401 $a $h "$CGI?reboot=1" # no user file
+    : >"$ROOT/server/updater.htdigest" && ask 401 $a $h "$CGI?reboot=1" && mv "$ROOT/users" "$ROOT/server/updater.htdigest"
 }

@@ -48,8 +48,7 @@ x() { head -c "$1" /dev/zero | tr '\0' "$2"; }  # N times the character
 exact() { grep -q "sha256=$(sha256sum <"$ROOT/pkg" | cut -d' ' -f1) " "$ROOT/fake/record" 2>/dev/null; }
 # The program behind a shell that notes each exit, served by lighttpd.
 serve_counting() {
-    cp "$UPDATER_BIN" "$ROOT/fake/updater.bin"
-    printf '#!/bin/sh\n/run/fake/updater.bin\ns=$?\necho "$REQUEST_METHOD $s" >>/run/fake/exits\nexit $s\n' >"$ROOT/fake/run"
+    cp "$UPDATER_BIN" "$ROOT/fake/updater.bin" && printf '#!/bin/sh\n/run/fake/updater.bin\ns=$?\necho "$REQUEST_METHOD $s" >>/run/fake/exits\nexit $s\n' >"$ROOT/fake/run"
     chmod +x "$ROOT/fake/run" && UPDATER_BIN=$ROOT/fake/run device_start >/dev/null
 }
 
@@ -91,8 +90,7 @@ one_update() {  # MiB
     local k start=$EPOCHREALTIME
     for k in 1 2 3 4 5 6 7 8; do poller $k & done
     (post --limit-rate $(($1 * 512))K) >"$ROOT/code"
-    local end=$EPOCHREALTIME
-    ms "$start" >"$ROOT.ms" && touch "$ROOT/stop" && wait && device_stop
+    local end=$EPOCHREALTIME && ms "$start" >"$ROOT.ms" && touch "$ROOT/stop" && wait && device_stop
     grep -qx 200 "$ROOT/code" || echo "POST answered $(cat "$ROOT/code")"
     grep -qxF "$installed" "$ROOT/fake/record" && : >"$ROOT.exact" || echo "package not byte-exact"
     ls "$ROOT"/var-log/updater-cgi.lock "$ROOT"/tmp/updater-cgi-temp.pkg "$ROOT"/var-tmp/* 2>/dev/null | sed 's/^/left: /'
@@ -140,10 +138,7 @@ reset() {
 readonly_log() {
     ro() { run --readonly-log -- "${@:3}"; [ "$(cat "$ROOT/rc") $(cat "$ROOT/out")" = "$1 $2" ] || echo "${*:3}: $(cat "$ROOT/rc")"; }
     ro 0 STATUS_FREE REQUEST_METHOD=GET QUERY_STRING=status=1 </dev/null
-    ro 0 "" REQUEST_METHOD=GET QUERY_STRING=request=1 </dev/null
-    ro 0 "" REQUEST_METHOD=GET QUERY_STRING=reboot=1 </dev/null
-    ro 0 "" REQUEST_METHOD=GET </dev/null
-    ro 0 "" REQUEST_METHOD=HEAD </dev/null
+    for r in "GET QUERY_STRING=request=1" "GET QUERY_STRING=reboot=1" GET HEAD; do ro 0 "" REQUEST_METHOD=$r </dev/null; done
     touch "$ROOT/var-tmp/lighttpd-upload-1" && ro 246 "" REQUEST_METHOD=GET QUERY_STRING=request=1 </dev/null
     rm "$ROOT/var-tmp/lighttpd-upload-1" && head -c 300000 /dev/urandom >"$ROOT/pkg"
     ro 0 "" "${POST[@]}" < <(form) && { exact || echo "package not byte-exact"; }
@@ -204,10 +199,8 @@ area_hostile() {  # repeats of the requests through lighttpd
     # Through lighttpd: no request without credentials, without the page's
     # header or cross-site reaches the program.
     device_init signin && serve_counting && package 65536
-    for ((k = 0; k < $1; k++)); do hostile_requests; done >"$ROOT/answers"
-    device_stop
-    local reached wrong
-    reached=$(cat "$ROOT/fake/exits" 2>/dev/null | wc -l) wrong=$(awk '$1 != $2' "$ROOT/answers" | wc -l)
+    for ((k = 0; k < $1; k++)); do hostile_requests; done >"$ROOT/answers" && device_stop
+    local reached=$(cat "$ROOT/fake/exits" 2>/dev/null | wc -l) wrong=$(awk '$1 != $2' "$ROOT/answers" | wc -l)
     row "unauthenticated and cross-site requests through lighttpd" "$(verdict "reached + wrong == 0")" \
         "$(wc -l <"$ROOT/answers") tried, $reached reached the program; HTTP $(cut -d' ' -f2 "$ROOT/answers" | tally); $wrong answered otherwise"
 }

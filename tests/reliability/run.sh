@@ -105,7 +105,7 @@ area_load() {  # updates mib
         one_update "$2"
     local codes
     codes=$(cat "$E2E_WORK"/*/polls.* | awk '{ print $(NF > 1 ? 2 : 1) }' | tally)
-    row "polls during the updates" "$([[ $codes =~ ^200\ x[0-9]+$ ]] && echo pass || echo FAIL)" "$(cat "$E2E_WORK"/*/polls.* | wc -l) requests, HTTP $codes; exits $(awk '/^GET/ { print $2 }' "$E2E_WORK"/*/fake/exits | tally); STATUS_FREE while updating (start-of-update window, see README): $(cat "$E2E_WORK"/*.free | paste -sd+ | bc)"
+    row "polls during the updates" "$([[ $codes =~ ^200\ x[0-9]+$ ]] && echo pass || echo FAIL)" "$(cat "$E2E_WORK"/*/polls.* | wc -l) requests, HTTP $codes; exits $(awk '/^GET/ { print $2 }' "$E2E_WORK"/*/fake/exits | tally); STATUS_FREE while updating (start-of-update window, see README): $(cat "$E2E_WORK"/*.free | awk "{ n += \$1 } END { print n + 0 }")"
     row "time per update (POST to answer)" - "$(cat "$E2E_WORK"/*.ms | median_max) ms"
 }
 

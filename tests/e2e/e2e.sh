@@ -65,7 +65,7 @@ ROWS
 # gone, so until preupdate.sh has run and state 2 is written, a lock-state
 # request takes the running update's lock for stale.
 scenario_window() {
-    fakes installer-status=1 installer-delay=2 preupdate-delay=1 # an error ending is shorter than the pause
+    fakes installer-status=1 installer-delay=2 preupdate-delay=2 # an error ending is shorter than the pause
     package $((2 << 20)) && progress >/dev/null
     post --limit-rate 1M >/dev/null &
     wait_for 10 has_upload_file && progress >/dev/null

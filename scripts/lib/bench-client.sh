@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The upload throughput of update-device against curl -F: the same 256 MiB
-# package to the same lighttpd in a device root, in alternating pairs.
+# package to the same lighttpd in a device root, both signed in, in
+# alternating pairs.
 # Updates are disabled on the device, so each POST ends soon after its body.
 # Both sides are timed alike, from outside: from lighttpd's upload file
 # appearing in /var/tmp (the body starts to arrive) to its going (the body is
@@ -19,9 +20,10 @@ device_init client_upload
 device_start
 trap device_stop EXIT
 echo false >"$ROOT/fake/uci-value"
-pkg=$ROOT/package.bin
-bytes=$((256 * 1048576))
-make_package "$pkg" "$bytes"
+bytes=$((256 << 20))
+package "$bytes"
+pkg=$ROOT/pkg
+has_upload_file() { compgen -G "$ROOT/var-tmp/lighttpd-upload-*" >/dev/null; }
 
 # Seconds the body took, sampled every millisecond while the command runs.
 body_seconds() {  # command...
@@ -36,6 +38,9 @@ body_seconds() {  # command...
             start=${start:-$EPOCHREALTIME}
         elif [ -n "$start" ]; then
             end=$EPOCHREALTIME
+        elif ! kill -0 "$job" 2>/dev/null; then
+            echo "bench-client: $1 ended before its upload" >&2
+            exit 1
         fi
         read -r -t 0.001 -u 9 || true
     done
@@ -46,8 +51,10 @@ body_seconds() {  # command...
 
 client=() curl_side=() ratios=()
 for _ in $(seq "$pairs"); do
-    c=$(body_seconds "$tree/client/update-device" "$BASE" "$pkg")
-    r=$(body_seconds curl -sS -o /dev/null -H 'X-Updater-Page: 1' -F "package=@$pkg" "$CGI")
+    c=$(UPDATE_DEVICE_PASSWORD=${AUTH#*:} body_seconds "$tree/client/update-device" \
+        --user "${AUTH%%:*}" "$BASE" "$pkg")
+    r=$(body_seconds curl -sS -o /dev/null --digest -u "$AUTH" -H 'X-Updater-Page: 1' \
+        -F "package=@$pkg" "$CGI")
     client+=("$c") curl_side+=("$r") ratios+=("$(awk -v c="$c" -v r="$r" 'BEGIN { print r / c }')")
 done
 rm -f "$pkg"

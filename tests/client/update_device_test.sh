@@ -1,17 +1,18 @@
 #!/usr/bin/env bash
-# One case of the table below: update-device against a real lighttpd in a
-# device root, its exit status, a line of its output, and the device left as
-# it should be (never locked by the client).
+# One case of the table below: update-device, signed in, against a real
+# lighttpd in a device root: its exit status, a line of its output, and the
+# device left as it should be (never locked by the client).
 set -uo pipefail
 . "$(dirname "$0")/../e2e/lib.sh"
 name=$1
 
 #  case          | before         | during      | client options         | status | output has
 table="
-success          | slow_preupdate | play_reboot | --timeout 30 --limit-rate 4M | 0  | the device is back
+success          | slow_preupdate | play_reboot | --timeout 30 --limit-rate 4M | 0 | the device is back
 installer_fails  | installer_fails | -          |                        | 25 | (error 5): installation failed
 disabled         | disabled       | -           |                        | 29 | (error 9): update feature is disabled
 busy             | busy           | -           |                        | 7  | device busy
+wrong_password   | wrong_password | -           |                        | 5  | wrong user or password
 cut_upload       | -              | cut_upload  | --limit-rate 4M        | 8  | connection lost during the upload
 two_devices      | second_device  | -           | --no-wait --parallel 2 | 1  | device error
 unreachable      | no_server      | -           |                        | 4  | device unreachable
@@ -20,11 +21,15 @@ IFS='|' read -r _ before during options status expected < <(grep "^$name " <<<"$
 trim() { xargs <<<"$1"; }
 before=$(trim "$before") during=$(trim "$during") status=$(trim "$status") expected=$(trim "$expected")
 
+has_upload_file() { compgen -G "$ROOT/var-tmp/lighttpd-upload-*" >/dev/null; }
+log_has() { grep -q -- "$1" "$ROOT/var-log/updater-cgi.log" 2>/dev/null; }
+recorded() { grep -q -- "$1" "$ROOT/fake/record" 2>/dev/null; }
+
 device_init "client_$name"
-pkg=$ROOT/package.bin
-make_package "$pkg" $((8 * 1048576))
+package $((8 << 20))
+pkg=$ROOT/pkg
 if [ "$before" != no_server ]; then device_start || exit 1; fi
-urls=("${BASE:-}")
+auth=${AUTH:-} && urls=("${BASE:-}") user=${auth%%:*} password=${auth#*:}
 trap 'device_stop; stop_second' EXIT
 stop_second() { :; }
 
@@ -32,7 +37,8 @@ stop_second() { :; }
 -() { :; }
 installer_fails() { echo 1 >"$ROOT/fake/installer-status"; }
 disabled() { echo false >"$ROOT/fake/uci-value"; }
-busy() { : >"$ROOT/var-tmp/lighttpd-upload-other"; progress >/dev/null; }
+busy() { : >"$ROOT/var-tmp/lighttpd-upload-other" && progress >/dev/null; }
+wrong_password() { password=wrong; }
 no_server() { urls=("http://127.0.0.1:1"); }
 no_package() { pkg=$ROOT/missing.bin; }
 slow_preupdate() { echo 1 >"$ROOT/fake/preupdate-delay"; }
@@ -49,18 +55,19 @@ cut_upload() {  # a progress poll takes the lock, then the connection goes
         cp "$ROOT/var-log/updater-cgi.lock" "$ROOT/lock-before-cut" &&
         ss -K dst 127.0.0.1 dport = ":$PORT" >/dev/null 2>&1
 }
-second_device() {  # a second device, from a devices file, whose installer fails
-    local first=("$ROOT" "$BASE" "$DEVICE_JOB" "$LIGHTTPD_PID")
-    device_init "client_${name}_b" && installer_fails && device_start || exit 1
+second_device() {  # a second device with the same user, from a devices file, whose installer fails
+    local first=$ROOT base=$BASE
+    device_init "client_${name}_b" && echo "$AUTH" >"$ROOT/credentials" && installer_fails
+    device_start || exit 1
     printf '# the second device\n%s/update/\n' "$BASE" >"$ROOT/devices"
-    urls+=(--devices "$ROOT/devices") second=("$DEVICE_JOB" "$LIGHTTPD_PID")
-    ROOT=${first[0]} BASE=${first[1]} DEVICE_JOB=${first[2]} LIGHTTPD_PID=${first[3]}
-    stop_second() { DEVICE_JOB=${second[0]} LIGHTTPD_PID=${second[1]} device_stop; }
+    urls+=(--devices "$ROOT/devices") second=$ROOT ROOT=$first BASE=$base
+    stop_second() { ROOT=$second device_stop; }
 }
 
 $before
 # shellcheck disable=SC2086 # options are words
-"$CLIENT_BIN" $options "${urls[@]}" "$pkg" >"$ROOT/client.out" 2>&1 &
+UPDATE_DEVICE_PASSWORD=$password "$CLIENT_BIN" ${user:+--user "$user"} $options "${urls[@]}" "$pkg" \
+    >"$ROOT/client.out" 2>&1 &
 client=$!
 $during
 wait "$client"
@@ -68,16 +75,16 @@ check "$name: exit status" "$status" "$?"
 check_true "$name: output has '$expected'" grep -qF -- "$expected" "$ROOT/client.out"
 
 # --- what the device must show afterwards -------------------------------------
-installed() { cat "$ROOT/fake/record" 2>/dev/null | grep -c "^updater -f .* sha256=$(sha256sum <"$pkg" | cut -d' ' -f1) "; }
 case $name in
     success)
-        check "$name: the installer got the package" 1 "$(installed)"
+        check "$name: the installer got the package" "$installed" "$(grep '^updater' "$ROOT/fake/record")"
         check "$name: each entry shown once" "" "$(grep '^\[' "$ROOT/client.out" | sort | uniq -d)" ;;
+    busy | wrong_password)
+        check "$name: nothing was posted" "" "$(grep '^uci' "$ROOT/fake/record")" ;;&
     busy)
-        check "$name: nothing was posted" "" "$(grep '^uci' "$ROOT/fake/record")"
         check "$name: the other upload keeps its lock" STATUS_BUSY "$(lock_state)" ;;
     cut_upload)
-        check "$name: nothing was installed" 0 "$(installed)"
+        check "$name: nothing was installed" "" "$(grep '^updater' "$ROOT/fake/record")"
         check_true "$name: the device was locked when the connection went" test -e "$ROOT/lock-before-cut" ;;
     two_devices)
         check_true "$name: a table row for each" grep -qE "^${BASE#http://} +success" "$ROOT/client.out"

@@ -51,7 +51,7 @@ body_seconds() {  # command...
 
 client=() curl_side=() ratios=()
 for _ in $(seq "$pairs"); do
-    c=$(UPDATE_DEVICE_PASSWORD=${AUTH#*:} body_seconds "$tree/client/update-device" \
+    c=$(UPDATE_DEVICE_PASSWORD=${AUTH#*:} body_seconds "$tree/src/client/update-device" \
         --user "${AUTH%%:*}" "$BASE" "$pkg")
     r=$(body_seconds curl -sS -o /dev/null --digest -u "$AUTH" -H 'X-Updater-Page: 1' \
         -F "package=@$pkg" "$CGI")

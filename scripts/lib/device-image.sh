@@ -135,8 +135,8 @@ install_device_files() {  # image root
     echo 1.0 >"$1/tolven/local/firmware/version"
 }
 
-make_image() {  # dir base-dir deb
-    local dir=$1 base=$2 deb=$3 tmp=$1.tmp
+make_image() {  # dir base-dir deb [overlay]
+    local dir=$1 base=$2 deb=$3 overlay=${4:-} tmp=$1.tmp
     rm -rf "$tmp"
     mkdir -p "$tmp/root"
     local r=$tmp/root
@@ -147,7 +147,9 @@ make_image() {  # dir base-dir deb
     cp "$deb" "$r/tmp/updater.deb"
     chroot "$r" dpkg -i /tmp/updater.deb >"$tmp/dpkg.log"
     rm "$r/tmp/updater.deb"
+    chroot "$r" visudo -qcf /etc/sudoers.d/updater
     ln -s /tolven/local/firmware/version "$r/www/version.txt"
+    [ -z "$overlay" ] || cp -R --no-preserve=ownership "$overlay/." "$r/"
     chroot "$r" systemctl -q enable systemd-networkd application lighttpd 2>>"$tmp/dpkg.log"
     # Nobody logs in on the serial console: it only shows the kernel's start.
     chroot "$r" systemctl -q mask serial-getty@ttyAMA0.service
@@ -157,30 +159,35 @@ make_image() {  # dir base-dir deb
     mv "$tmp" "$dir"
 }
 
-image_key() {  # base-dir deb
+image_key() {  # base-dir deb [overlay]
     local entry sources=()
     for entry in "${device_files[@]}"; do sources+=("$root/${entry%%:*}"); done
-    { echo "$1"; package_digest "$2"; declare -f install_device_files make_image; } |
-        digest_of "${sources[@]}"
+    {
+        echo "$1"
+        package_digest "$2"
+        declare -f install_device_files make_image
+        [ -z "${3:-}" ] || (cd "$3" && find . -type f -exec sha256sum {} + | sort -k2)
+    } | digest_of "${sources[@]}"
 }
 
 # Prints the image's folder, making it (and the base) if not cached. Keeps
-# the two newest images and bases.
-device_image() {  # deb
+# the three newest images and bases. The overlay's files are copied over the
+# image after the package (scripts/bench --device adds its baseline CGI).
+device_image() {  # deb [overlay]
     local base dir
     base=$(device_base)
-    dir=$device_cache/image-$(image_key "$base" "$1")
+    dir=$device_cache/image-$(image_key "$base" "$1" "${2:-}")
     if [ ! -f "$dir/rootfs.ext4" ]; then
         ensure_binfmt
         echo "device: making the image with $(basename "$1")" >&2
         local start=$SECONDS
-        make_image "$dir" "$base" "$1"
+        make_image "$dir" "$base" "$1" "${2:-}"
         echo "device: image made in $((SECONDS - start)) s" >&2
     fi
     touch "$dir" "$base"
     local kind
     for kind in image base; do
-        ls -dt "$device_cache/$kind"-* 2>/dev/null | grep -v '\.tmp$' | tail -n +3 | xargs -r rm -rf
+        ls -dt "$device_cache/$kind"-* 2>/dev/null | grep -v '\.tmp$' | tail -n +4 | xargs -r rm -rf
     done
     echo "$dir"
 }

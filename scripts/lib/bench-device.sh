@@ -31,7 +31,8 @@ $HTTP["url"] == "/cgi-bin/updater" {
 CONF
 
 scripts/device start --run "$run" --overlay "$overlay"
-trap 'kill "${slow:-0}" 2>/dev/null; scripts/device stop --run "$run"' EXIT
+slow=
+trap '[ -z "$slow" ] || kill "$slow"; scripts/device stop --run "$run"' EXIT
 trap 'exit 1' INT TERM
 base=http://127.0.0.1:$(cat "$run/port")
 cgi=$base/cgi-bin/updater

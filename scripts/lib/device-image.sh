@@ -127,7 +127,9 @@ install_device_files() {  # image root
         IFS=: read -r source target mode <<<"$entry"
         install -D -m "$mode" "$root/$source" "$1$target"
     done
+    # sudo looks its host's name up at every command: /etc/hosts answers.
     echo device >"$1/etc/hostname"
+    printf '127.0.0.1\tlocalhost\n127.0.1.1\tdevice\n' >"$1/etc/hosts"
     # Updates are enabled; firmware 1.0 is installed, and the device's
     # pages show its version.
     mkdir -p "$1/etc/device" "$1/tolven/local/firmware"
@@ -151,8 +153,10 @@ make_image() {  # dir base-dir deb [overlay]
     ln -s /tolven/local/firmware/version "$r/www/version.txt"
     [ -z "$overlay" ] || cp -R --no-preserve=ownership "$overlay/." "$r/"
     chroot "$r" systemctl -q enable systemd-networkd application lighttpd 2>>"$tmp/dpkg.log"
-    # Nobody logs in on the serial console: it only shows the kernel's start.
-    chroot "$r" systemctl -q mask serial-getty@ttyAMA0.service
+    # Nobody logs in (the serial console only shows the kernel's start), and
+    # the root file system is checked at boot: no gettys, no e2scrub.
+    chroot "$r" systemctl -q mask getty.target
+    chroot "$r" systemctl -q disable e2scrub_reap.service
     mkfs.ext4 -q -L device -d "$r" "$tmp/rootfs.ext4" "$image_size" >/dev/null
     rm -rf "$r"
     cp "$base/vmlinuz" "$base/initrd.img" "$base/suites" "$tmp/"

@@ -137,6 +137,21 @@ install_device_files() {  # image root
     echo 1.0 >"$1/tolven/local/firmware/version"
 }
 
+# The one user of the update page, made up with the image ("user:password"
+# in the image's folder), in lighttpd's htdigest file: realm "updater",
+# readable by lighttpd's user and nobody else.
+provision_user() {  # image-root credentials-file
+    local user password
+    user=engineer-$(od -An -N2 -tx2 /dev/urandom | tr -d ' ')
+    password=$(head -c 12 /dev/urandom | base64 | tr '+/' '-_')
+    echo "$user:$password" >"$2"
+    chmod 600 "$2"
+    local file=$1/etc/lighttpd/updater.htdigest
+    echo "$user:updater:$(echo -n "$user:updater:$password" | md5sum | cut -d' ' -f1)" >"$file"
+    chmod 640 "$file"
+    chroot "$1" chgrp www-data /etc/lighttpd/updater.htdigest
+}
+
 make_image() {  # dir base-dir deb [overlay]
     local dir=$1 base=$2 deb=$3 overlay=${4:-} tmp=$1.tmp
     rm -rf "$tmp"
@@ -157,6 +172,7 @@ make_image() {  # dir base-dir deb [overlay]
     # the root file system is checked at boot: no gettys, no e2scrub.
     chroot "$r" systemctl -q mask getty.target
     chroot "$r" systemctl -q disable e2scrub_reap.service
+    provision_user "$r" "$tmp/credentials"
     mkfs.ext4 -q -L device -d "$r" "$tmp/rootfs.ext4" "$image_size" >/dev/null
     rm -rf "$r"
     cp "$base/vmlinuz" "$base/initrd.img" "$base/suites" "$tmp/"
@@ -169,7 +185,7 @@ image_key() {  # base-dir deb [overlay]
     {
         echo "$1"
         package_digest "$2"
-        declare -f install_device_files make_image
+        declare -f install_device_files provision_user make_image
         [ -z "${3:-}" ] || (cd "$3" && find . -type f -exec sha256sum {} + | sort -k2)
     } | digest_of "${sources[@]}"
 }

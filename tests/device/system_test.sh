@@ -19,7 +19,8 @@ trap '"$src/scripts/device" stop --run "$run"' EXIT
 trap 'exit 1' INT TERM
 BASE=http://127.0.0.1:$(cat "$run/port") CGI=http://127.0.0.1:$(cat "$run/port")/cgi-bin/updater
 
-web() { curl -sS --max-time 60 -H 'X-Updater-Page: 1' "$@"; }
+AUTH=$(cat "$run/credentials")
+web() { curl -sS --max-time 60 --digest -u "$AUTH" -H 'X-Updater-Page: 1' "$@"; }
 boots() { grep -c '] Linux version' "$run/serial.log"; }
 rebooted() { [ "$(boots)" -ge 2 ]; }
 answers() { [ "$(curl -s -o /dev/null -m 5 -w '%{http_code}' "$BASE/version.txt")" = 200 ]; }
@@ -27,7 +28,7 @@ firmware() { curl -sS --max-time 10 "$BASE/version.txt"; }
 saved_log() { web "$BASE/update/last/updater-cgi.log" | entries | tail -n 1; }
 
 # Posts the package as the page does and polls the progress meanwhile, one
-# answer a line in work/polls, until the POST has answered; prints its code.
+# answer a line in work/polls, until the POST has ended; prints its status.
 update() {  # package
     : >"$work/polls"
     web -o "$work/post.body" -w '%{http_code}' -F "package=@$1" "$CGI" >"$work/post.code" &
@@ -47,7 +48,8 @@ check "the device is free" STATUS_FREE "$(web "$CGI?status=1")"
 
 "$here/make-package" 2.0 $((16 * 1048576)) "$work/firmware-2.0.tar"
 started=$SECONDS
-check "a valid package: the POST answers" 200 "$(update "$work/firmware-2.0.tar")"
+# The POST may not answer: the device reboots as the program ends.
+update "$work/firmware-2.0.tar" >/dev/null
 check_true "the polls followed the update to the success entry" \
     polls_saw 'update completed, firmware successfully loaded'
 check_true "the guest reboots: its kernel starts again" wait_for 600 rebooted

@@ -84,7 +84,6 @@ device_base() {
     dir=$device_cache/base-$(base_key)
     if [ ! -f "$dir/base.tar" ]; then
         ensure_binfmt
-        mkdir -p "$device_cache"
         echo "device: making the Debian base (mmdebstrap, about 6 minutes)" >&2
         local start=$SECONDS
         make_base "$dir"
@@ -194,7 +193,11 @@ image_key() {  # base-dir deb [overlay]
 # the three newest images and bases. The overlay's files are copied over the
 # image after the package (scripts/bench --device adds its baseline CGI).
 device_image() {  # deb [overlay]
-    local base dir
+    local base dir lock
+    mkdir -p "$device_cache"
+    # One maker at a time: a second run waits, then finds the layers made.
+    exec {lock}>"$device_cache/lock"
+    flock "$lock"
     base=$(device_base)
     dir=$device_cache/image-$(image_key "$base" "$1" "${2:-}")
     if [ ! -f "$dir/rootfs.ext4" ]; then
@@ -209,5 +212,6 @@ device_image() {  # deb [overlay]
     for kind in image base; do
         ls -dt "$device_cache/$kind"-* 2>/dev/null | grep -v '\.tmp$' | tail -n +4 | xargs -r rm -rf
     done
+    exec {lock}>&-
     echo "$dir"
 }

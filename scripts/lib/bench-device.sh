@@ -85,7 +85,8 @@ done
 # ---- a 16 MiB update to the reboot ------------------------------------------------
 tests/device/make-package 9.9 $((16 * 1048576)) "$work/update.tar"
 start=$(now)
-curl -sS -o /dev/null --max-time 300 "${page[@]}" -F "package=@$work/update.tar" "$cgi" &
+curl -s -o /dev/null -w '%{time_total}\n' --max-time 300 "${page[@]}" -F "package=@$work/update.tar" \
+    "$cgi" >"$work/update.post" &
 until [ "$(boots)" -ge 2 ]; do
     [ $(($(now) - start)) -lt 600000000000 ] || { echo "bench: no reboot" >&2; exit 1; }
     sleep 0.2
@@ -106,6 +107,7 @@ echo "| figure (emulated device: qemu-system-arm virt, Cortex-A15, 512 MiB) | up
 echo "|---|---|---|---|"
 row "boot to lighttpd answering" "$(cat "$run/boot-seconds") s" "" ""
 row "16 MiB update, upload start to the kernel starting again" "$(seconds "$start" "$rebooted") s" "" ""
+row "the same, to the POST's end (answered, or cut by the shutdown)" "$(printf '%.1f' "$(cat "$work/update.post")") s" "" ""
 row "the same, to the web server answering again" "$(seconds "$start" "$back") s" "" ""
 for query in status=1 request=1; do
     u=$(median <<<"${runs[$query]}") m=$(median <<<"${runs[$query.minimal]}")

@@ -1,28 +1,28 @@
 #include "support/leading_int.h"
-#include "upload/text_utils.h"
 
 #include <gtest/gtest.h>
 
-TEST(LeadingInt, ReadsLikeAFormattedExtraction) {
-    EXPECT_EQ(string_to_int("42"), 42);
-    EXPECT_EQ(string_to_int(" 42"), 42);
-    EXPECT_EQ(string_to_int("\n\t+7"), 7);
-    EXPECT_EQ(string_to_int("-1"), -1);
-    EXPECT_EQ(string_to_int("12abc"), 12);
-    EXPECT_EQ(string_to_int("2\n"), 2);
+#include <cstdint>
+
+namespace {
+
+TEST(LeadingInt, ReadsLikeAFormattedExtractionAndClampsTo32Bits) {
+    const std::pair<const char*, int64_t> numbers[] = {{"7", 7},
+                                                       {" \t\n\v\f\r+42", 42},
+                                                       {"-1", -1},
+                                                       {"12abc", 12},
+                                                       {"2\n", 2},
+                                                       {"2147483647", INT32_MAX},
+                                                       {"2147483648", INT32_MAX},
+                                                       {"99999999999999999999", INT32_MAX},
+                                                       {"-2147483648", INT32_MIN},
+                                                       {"-99999999999999999999", INT32_MIN}};
+    for (const auto& [text, value] : numbers) {
+        EXPECT_EQ(read_leading_int(text), value) << '"' << text << '"';
+    }
+    for (const char* text : {"", "x1", "-", "- 1", "+"}) {
+        EXPECT_FALSE(read_leading_int(text)) << '"' << text << '"';
+    }
 }
 
-TEST(LeadingInt, TextWithoutLeadingNumberIsNoNumber) {
-    EXPECT_FALSE(read_leading_int("").has_value());
-    EXPECT_FALSE(read_leading_int("x1").has_value());
-    EXPECT_FALSE(read_leading_int("-").has_value());
-    EXPECT_FALSE(read_leading_int("- 1").has_value());
-    EXPECT_EQ(string_to_int("abc"), 0);
-}
-
-TEST(LeadingInt, HugeValuesClampInsteadOfBecomingZero) {
-    EXPECT_EQ(string_to_int("99999999999999999999"), 2147483647);
-    EXPECT_EQ(string_to_int("-99999999999999999999"), -2147483647 - 1);
-    EXPECT_EQ(string_to_int("2147483648"), 2147483647);
-    EXPECT_EQ(string_to_int("-2147483648"), -2147483647 - 1);
-}
+}  // namespace

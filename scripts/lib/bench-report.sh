@@ -98,6 +98,13 @@ END {
                 ">= 0.8", verdict(us / m >= 0.8));
     }
 
+    s = "lighttpd/lock_state_signed"; u = get(s, "updater_rps"); m = get(s, "minimal_rps"); us = get(s, "updater_static_rps");
+    if (u != "") {
+        row("lock-state requests/s through lighttpd, signed in (digest), page-header rules",
+            fmt("%.0f /s", u), fmt("minimal C CGI %.0f /s", m), fmt("%.2f", u / m), ">= 0.8", verdict(u / m >= 0.8));
+        row("the same, static program", fmt("%.0f /s", us), "", fmt("%.2f", us / m), ">= 0.8", verdict(us / m >= 0.8));
+    }
+
     if (get("syscalls", "progress") != "") {
         row("system calls per request (strace -c): progress / lock-state",
             get("syscalls", "progress") " / " get("syscalls", "lock_state"),

@@ -18,13 +18,18 @@
     const REBOOT_GIVE_UP_MS = 180000;
     const RECEIVING = 'receiving package file ...';
 
+    // lighttpd lets only requests with this header reach the program: another
+    // site's page cannot send it, so it cannot update or reboot the device.
+    const PAGE_HEADER = ['X-Updater-Page', '1'];
+
     const $ = (id) => document.getElementById(id);
     const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
-    // Text and Last-Modified of a GET, or null when the device does not answer.
+    // Text and Last-Modified of a GET, or null when the device does not answer
+    // (or refuses).
     async function get(url) {
         try {
-            const response = await fetch(url, {cache: 'no-store'});
+            const response = await fetch(url, {cache: 'no-store', headers: [PAGE_HEADER]});
             if (!response.ok) return null;
             return {text: await response.text(), modified: response.headers.get('Last-Modified')};
         } catch (e) {
@@ -216,6 +221,7 @@
         return new Promise((resolve) => {
             const xhr = new XMLHttpRequest();
             xhr.open('POST', CGI);
+            xhr.setRequestHeader(...PAGE_HEADER);
             xhr.upload.addEventListener('progress', (e) => {
                 onProgress(e.loaded, e.lengthComputable ? e.total : file.size);
             });

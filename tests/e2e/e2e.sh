@@ -1,0 +1,137 @@
+#!/usr/bin/env bash
+# The update page and updater behind the real lighttpd, signed in, in a device
+# root: one scenario a run, named by the argument (one function each below).
+#   e2e.sh update|errors|window|small|abort|signin|browser
+set -uo pipefail
+. "$(dirname "$0")/lib.sh"
+
+has_upload_file() { compgen -G "$ROOT/var-tmp/lighttpd-upload-*" >/dev/null; }
+held() { [ -e "$ROOT/var-log/updater-cgi.lock" ] && echo yes || echo no; }
+log_has() { grep -q -- "$1" "$ROOT/var-log/updater-cgi.log" 2>/dev/null; }
+recorded() { grep -q -- "$1" "$ROOT/fake/record" 2>/dev/null; }
+commands() { cut -d' ' -f1 "$ROOT/fake/record" 2>/dev/null | paste -sd' '; }
+state() { cat "$ROOT/var-log/updater-cgi.status" 2>/dev/null; }
+fakes() { for kv; do echo "${kv#*=}" >"$ROOT/fake/${kv%%=*}"; done; } # settings of the fake commands
+entries() { sed 's/\[[0-9]\{3\}\.[0-9]\{3\}/[T/g'; } # the log with its time stamps replaced by T
+SUCCESS='[T:40] reassembling data ...<br>[T:50] package file received<br>[T:60] stopping the application ...<br>'\
+'[T:80] installing package file ...<br>[T:100] update completed<br>[T:100] <font color=#2020ff><b>update completed, firmware successfully loaded<br>'
+
+# 64 MiB posted slowly enough for polls to see lighttpd's upload file.
+scenario_update() {
+    fakes installer-delay=1
+    package $((64 << 20))
+    check "idle progress starts the log" '[000.000:1] waiting for file ...<br>' "$(progress)"
+    post --limit-rate 16M >"$ROOT/post.code" &
+    check_true "lighttpd keeps the arriving body in /var/tmp" wait_for 10 has_upload_file
+    local answer start
+    answer=$(progress)
+    check "a progress request during the upload takes the lock" \
+        '[000.000:1] waiting for file ...<br>[000.000:10] receiving package file ...<br>' "$answer"
+    check "then: state 1, lock 1, busy, the same log, the upload still on" "1 1 STATUS_BUSY $answer 0" \
+        "$(state) $(cat "$ROOT/var-log/updater-cgi.lock") $(lock_state) $(progress) $(has_upload_file; echo $?)"
+    check_true "success entry within 60 s" wait_for 60 log_has 'firmware successfully loaded'
+    check "lock state in the pause after success" STATUS_BUSY "$(lock_state)"
+    wait
+    check "POST answers 200, empty; the installer got the package" "200 0 $installed" \
+        "$(cat "$ROOT/post.code") $(stat -c %s "$ROOT/post.body") $(grep '^updater' "$ROOT/fake/record")"
+    check "device commands through sudo" "sudo preupdate.sh uci sudo application sudo updater sudo reboot" "$(commands)"
+    check "the whole log, then free" "[T:1] waiting for file ...<br>[T:10] receiving package file ...<br>${SUCCESS}STATUS_FREE" \
+        "$(progress | entries; lock_state)"
+}
+
+# Updates that end in an error: each answers 200 and nothing else, saves the
+# log and leaves the device free (the browser test sees the error entry).
+scenario_errors() {
+    package 4096
+    local name uci status args more log
+    while IFS='|' read -r name uci status args more log; do
+        echo "$uci" >"$ROOT/fake/uci-value" && echo "$status" >"$ROOT/fake/installer-status"
+        rm -rf "${ROOT:?}"/var-log/* "$ROOT"/tolven-local/* "$ROOT/fake/record"
+        progress >/dev/null && read -ra args <<<"$args"
+        check "$name: POST answers 200, empty" "200 0" \
+            "$(cd "$ROOT" && page -o post.body -w '%{http_code}' "${args[@]}" "$CGI") $(stat -c %s "$ROOT/post.body")"
+        check "$name: saved log" "[T:1] waiting for file ...<br>$log" "$(entries <"$ROOT/tolven-local/updater-cgi.log")"
+        check "$name: commands run; lock, status and log gone: free" "sudo preupdate.sh uci$more  STATUS_FREE" \
+            "$(commands) $(ls "$ROOT/var-log" | grep -v debug) $(lock_state)"
+    done <<'ROWS'
+disabled|false|0|-F package=@pkg||[T] ERROR: update feature is disabled<br>
+not a form|true|0|-H Content-Type:application/octet-stream --data-binary @pkg||[T] ERROR: bad/malformed http header<br>
+no file in the form|true|0|-F name=value||[T:40] reassembling data ...<br>[T:40] ERROR: upload aborted<br>
+installer fails|true|1|-F package=@pkg| sudo application sudo updater|[T:40] reassembling data ...<br>[T:50] package file received<br>[T:60] stopping the application ...<br>[T:80] installing package file ...<br>[T:80] ERROR: installation failed<br>
+ROWS
+}
+
+# The start-of-update window: lighttpd starts the POST with the upload file
+# gone, so until preupdate.sh has run and state 2 is written, a lock-state
+# request takes the running update's lock for stale.
+scenario_window() {
+    fakes installer-status=1 installer-delay=2 preupdate-delay=2 # an error ending is shorter than the pause
+    package $((2 << 20)) && progress >/dev/null
+    post --limit-rate 1M >/dev/null &
+    wait_for 10 has_upload_file && progress >/dev/null
+    check_true "the POST process runs preupdate.sh" wait_for 10 recorded '^preupdate.sh'
+    check "in the window: no upload file, lock held, state 1" "1 yes 1" "$(has_upload_file; echo $?) $(held) $(state)"
+    check "a lock-state request answers free and removes the lock" "STATUS_FREE no" "$(lock_state) $(held)"
+    check "the update goes on, unlocked" "yes STATUS_FREE" "$(wait_for 10 log_has 'installing package file' && echo yes) $(lock_state)"
+    wait
+}
+
+# Under 64 KiB lighttpd keeps the body in memory: no upload file, so no poll
+# takes the lock, and the update runs without it. Its client leaves after the
+# success entry: the update runs to its end all the same.
+scenario_small() {
+    fakes installer-delay=2
+    package $((48 << 10)) && progress >/dev/null
+    post --limit-rate 16K >/dev/null &
+    local client=$!
+    check "polled, it reaches the installer, unlocked" "yes STATUS_FREE" \
+        "$(wait_for 20 eval 'progress >/dev/null; log_has "installing package file"' && echo yes) $(lock_state)"
+    check_true "the success entry" wait_for 10 log_has 'firmware successfully loaded'
+    kill "$client"
+    check_true "the client gone, the update goes on to the reboot" wait_for 15 recorded '^reboot'
+    check "the installer got the package; the saved log: every entry but the lock's" \
+        "$installed [T:1] waiting for file ...<br>$SUCCESS" "$(grep '^updater ' "$ROOT/fake/record") $(entries <"$ROOT/tolven-local/updater-cgi.log")"
+}
+
+# A client that aborts during the upload: lighttpd deletes the upload file and
+# never starts the program; the lock a poll took for it stays until the next
+# lock-state request.
+scenario_abort() {
+    package $((4 << 20)) && progress >/dev/null
+    post --limit-rate 1M --max-time 2 >/dev/null 2>&1 &
+    wait_for 10 has_upload_file && progress >/dev/null
+    check "a progress request took the lock" 1 "$(cat "$ROOT/var-log/updater-cgi.lock")"
+    check_true "curl gives up, lighttpd deletes the upload file" wait_for 5 eval '! has_upload_file' && sleep 0.5
+    check "the program never started; lock left, state 1" "- yes 1" "$(commands)- $(held) $(state)"
+    check "one lock-state request frees the device" "STATUS_FREE no " "$(lock_state) $(held) $(state)"
+}
+
+# Without credentials, without the page's header or cross-site, no request
+# reaches the program, which leaves a trace file at every start.
+scenario_signin() {
+    package $((256 << 10))
+    check "every refusal as expected" "" "$(hostile_requests | awk '$1 != $2')"
+    check "the program never ran" "" "$(ls "$ROOT/var-log"; ls "$ROOT/fake/record" 2>/dev/null)"
+    check "signed in with the header, it answers" STATUS_FREE "$(lock_state)"
+}
+
+# The page in chromium (browser/update_page.test.mjs); this side plays the
+# device's reboot when the program asks for it.
+scenario_browser() {
+    fakes preupdate-delay=1 installer-delay=3
+    package $((16 << 20))
+    mkdir -p "$E2E_WORK/artifacts"
+    BASE=$BASE AUTH=$AUTH ROOT=$ROOT PACKAGE=$ROOT/pkg ARTIFACTS=$E2E_WORK/artifacts \
+        node --test --test-reporter=tap "$E2E_DIR/browser/update_page.test.mjs" &
+    while kill -0 $! 2>/dev/null && ! recorded '^reboot'; do sleep 0.1; done
+    recorded '^reboot' && sleep 0.5 && device_reboot 3 # after the program's last steps
+    wait $!
+    check "the browser test passes" 0 $?
+}
+
+[ "$(type -t "scenario_${1:-}")" = function ] || { sed -n 4p "$0" >&2; exit 2; }
+trap device_stop EXIT
+# lighttpd, and so the program, runs as an ordinary user, as on the device.
+device_init "$1" && device_start --uid 1000 || exit 1
+"scenario_$1"
+finish

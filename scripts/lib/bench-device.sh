@@ -36,17 +36,21 @@ trap '[ -z "$slow" ] || kill "$slow"; scripts/device stop --run "$run"' EXIT
 trap 'exit 1' INT TERM
 base=http://127.0.0.1:$(cat "$run/port")
 cgi=$base/cgi-bin/updater
-page=(-H 'X-Updater-Page: 1')
+# Signed in, with the page's header: page() of the end-to-end helpers.
+AUTH=$(cat "$run/credentials")
+# shellcheck source=../../tests/e2e/lib.sh
+. tests/e2e/lib.sh
 boots() { grep -c '] Linux version' "$run/serial.log"; }
 now() { date +%s%N; }
 seconds() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.1f", (b - a) / 1e9 }'; }
-answer() { curl -sS -i --max-time 30 "${page[@]}" "$cgi?$1" | tr -d '\r' | grep -v '^Date:'; }
+# The answer after the sign-in's 401: status, headers but the date, body.
+answer() { page -i "$cgi?$1" | tr -d '\r' | awk '/^HTTP\// { out = "" } !/^Date:/ { out = out $0 "\n" } END { printf "%s", out }'; }
 
 # ---- requests in the receiving state ------------------------------------------
 # A slow upload keeps lighttpd's upload file on the device; the first
 # progress request that sees it takes the lock.
 head -c $((64 * 1048576)) /dev/zero >"$work/slow.bin"
-curl -sS -o /dev/null --limit-rate 100K "${page[@]}" -F "package=@$work/slow.bin" "$cgi" &
+page -o /dev/null --max-time 3600 --limit-rate 100K -F "package=@$work/slow.bin" "$cgi" &
 slow=$!
 for _ in $(seq 60); do
     [ "$(answer status=1 | tail -n 1)" = STATUS_BUSY ] && break
@@ -60,9 +64,15 @@ done
 
 seconds_each=10 rounds=3
 [ "$quick" = 1 ] && seconds_each=3 rounds=1
+# wrk sends one digest answer that curl worked out (lighttpd checks its
+# nonce's age, not a count).
 rps() {  # query
-    wrk -t1 -c2 -d"${seconds_each}s" --timeout 10s -H 'X-Updater-Page: 1' "$cgi?$1" |
-        awk '/^Requests\/sec:/ { print $2 } /Non-2xx/ { print "error" }'
+    local authorization
+    authorization=$(page -v -o /dev/null "$cgi?$1" 2>&1 | sed -n 's/^> \(Authorization: .*\)\r$/\1/p')
+    local out
+    out=$(wrk -t1 -c2 -d"${seconds_each}s" --timeout 10s -H 'X-Updater-Page: 1' -H "$authorization" "$cgi?$1")
+    ! grep -q 'Non-2xx' <<<"$out" || { echo "bench: wrk: error answers for $1" >&2; exit 1; }
+    awk '/^Requests\/sec:/ { print $2 }' <<<"$out"
 }
 median() { tr ' ' '\n' | grep -v '^$' | sort -g | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
 declare -A runs
@@ -72,6 +82,8 @@ for _ in $(seq "$rounds"); do
         runs[$query.minimal]+=" $(rps "$query&minimal")"
     done
 done
+[ "$(answer status=1 | tail -n 1)" = STATUS_BUSY ] ||
+    { echo "bench: the receiving state ended before the measurements did" >&2; exit 1; }
 kill "$slow" 2>/dev/null
 wait "$slow" 2>/dev/null || true
 slow=
@@ -85,8 +97,8 @@ done
 # ---- a 16 MiB update to the reboot ------------------------------------------------
 tests/device/make-package 9.9 $((16 * 1048576)) "$work/update.tar"
 start=$(now)
-curl -s -o /dev/null -w '%{time_total}\n' --max-time 300 "${page[@]}" -F "package=@$work/update.tar" \
-    "$cgi" >"$work/update.post" &
+page -o /dev/null -w '%{time_total}\n' --max-time 300 -F "package=@$work/update.tar" "$cgi" \
+    >"$work/update.post" 2>/dev/null &
 until [ "$(boots)" -ge 2 ]; do
     [ $(($(now) - start)) -lt 600000000000 ] || { echo "bench: no reboot" >&2; exit 1; }
     sleep 0.2
@@ -97,7 +109,7 @@ until [ "$(curl -s -o /dev/null -m 5 -w '%{http_code}' "$base/version.txt")" = 2
     sleep 0.5
 done
 back=$(now)
-curl -sS "$base/update/last/updater-cgi.log" >"$work/update.log"
+page "$base/update/last/updater-cgi.log" >"$work/update.log"
 [ "$(curl -sS "$base/version.txt")" = 9.9 ] || { echo "bench: the update did not install" >&2; exit 1; }
 
 # ---- table ------------------------------------------------------------------------

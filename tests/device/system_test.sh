@@ -1,0 +1,83 @@
+#!/usr/bin/env bash
+# The emulated device from the host, the way a person and the update page
+# use it (scripts/device makes and boots it, from the cached image): the
+# page loads, signed in; the page's browser test runs on the fresh device;
+# a valid package goes up through lighttpd while progress polls follow the
+# log to the success entry; the guest reboots (its kernel starts again on
+# the console); then the new firmware is installed and the saved log and
+# trace are served. An invalid package then ends in the installer's error,
+# without a reboot, the firmware unchanged.
+# Usage: tests/device/system_test.sh [--deb FILE]    (as root)
+set -uo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+src=$(cd "$here/../.." && pwd)
+. "$src/tests/e2e/lib.sh"
+run=$src/build/device-test
+work=$run/work
+mkdir -p "$work"
+"$src/scripts/device" start --run "$run" "$@" || exit 1
+trap '"$src/scripts/device" stop --run "$run"' EXIT
+trap 'exit 1' INT TERM
+BASE=http://127.0.0.1:$(cat "$run/port") AUTH=$(cat "$run/credentials")
+CGI=$BASE/cgi-bin/updater
+boots() { grep -c '] Linux version' "$run/serial.log"; }
+rebooted() { [ "$(boots)" -gt "$booted" ]; }
+answers() { [ "$(curl -s -o /dev/null -m 5 -w '%{http_code}' "$BASE/version.txt")" = 200 ]; }
+firmware() { curl -sS --max-time 10 "$BASE/version.txt"; }
+saved_log() { page "$BASE/update/last/updater-cgi.log" | sed 's/\[[0-9.]*/[T/g; s/<br>/&\n/g' | sed '/^$/d' | tail -n 1; }
+
+# Posts the package as the page does and polls the progress meanwhile, one
+# answer a line in work/polls, until the POST has ended; prints its status.
+update() {  # package
+    : >"$work/polls"
+    page --max-time 300 -o "$work/post.body" -w '%{http_code}' -F "package=@$1" "$CGI" >"$work/post.code" &
+    local post=$!
+    while kill -0 "$post" 2>/dev/null; do
+        printf '%s\n' "$(progress)" >>"$work/polls"
+        sleep 0.5
+    done
+    wait "$post"
+    cat "$work/post.code"
+}
+polls_saw() { grep -q -- "$1" "$work/polls"; }
+
+check "the page asks to sign in" 401 "$(curl -s -o /dev/null -w '%{http_code}' "$BASE/update/")"
+check "the page loads, signed in" 200 "$(page -o /dev/null -w '%{http_code}' "$BASE/update/")"
+check "firmware 1.0 is installed" 1.0 "$(firmware)"
+check "the device is free" STATUS_FREE "$(lock_state)"
+
+# The page in chromium, first, on the fresh device: a whole update to 1.5
+# with its reboot, then one that the installer refuses.
+"$here/make-package" 1.5 $((16 * 1048576)) "$work/firmware-1.5.tar"
+booted=$(boots)
+BASE=$BASE AUTH=$AUTH PACKAGE=$work/firmware-1.5.tar ARTIFACTS=$work node --test --test-reporter=tap \
+    "$src/tests/e2e/browser/update_page.test.mjs" >"$work/browser.tap"
+check "the browser test passes on the device (build/device-test/work/browser.tap)" 0 $?
+check_true "the browser's update rebooted the device" rebooted
+check "firmware 1.5 is installed" 1.5 "$(firmware)"
+
+"$here/make-package" 2.0 $((16 * 1048576)) "$work/firmware-2.0.tar"
+started=$SECONDS booted=$(boots)
+# The POST may not answer: the device reboots as the program ends.
+update "$work/firmware-2.0.tar" >/dev/null
+check_true "the polls followed the update to the success entry" \
+    polls_saw 'update completed, firmware successfully loaded'
+check_true "the guest reboots: its kernel starts again" wait_for 600 rebooted
+check_true "the web server answers again" wait_for 600 answers
+echo "     (upload start to the page back: $((SECONDS - started)) s)"
+check "firmware 2.0 is installed" 2.0 "$(firmware)"
+booted=$(boots)
+check "the saved log ends in the success entry" \
+    "[T:100] <font color=#2020ff><b>update completed, firmware successfully loaded<br>" "$(saved_log)"
+check_true "the saved trace is served" \
+    grep -q 'install completed' <(page "$BASE/update/last/updater-cgi.debug")
+
+"$here/make-package" 3.0 $((1048576)) "$work/firmware-3.0-corrupt.tar" corrupt
+check "an invalid package: the POST answers" 200 "$(update "$work/firmware-3.0-corrupt.tar")"
+check_true "the polls saw the installer's error" polls_saw 'ERROR: installation failed'
+check "the saved log ends in error 5" "[T:80] ERROR: installation failed<br>" "$(saved_log)"
+sleep 20 # a reboot would have restarted the kernel by now
+check_true "no reboot" test "$(boots)" = "$booted"
+check "firmware 2.0 is still installed" 2.0 "$(firmware)"
+check "the device is free" STATUS_FREE "$(lock_state)"
+finish

@@ -50,7 +50,9 @@ answer() { page -i "$cgi?$1" | tr -d '\r' | awk '/^HTTP\// { out = "" } !/^Date:
 # A slow upload keeps lighttpd's upload file on the device; the first
 # progress request that sees it takes the lock.
 head -c $((64 * 1048576)) /dev/zero >"$work/slow.bin"
-page -o /dev/null --max-time 3600 --limit-rate 100K -F "package=@$work/slow.bin" "$cgi" &
+# curl itself is the job, so that $! is its pid.
+curl -sS -o /dev/null --digest -u "$AUTH" -H 'X-Updater-Page: 1' --limit-rate 100K \
+    -F "package=@$work/slow.bin" "$cgi" &
 slow=$!
 for _ in $(seq 60); do
     [ "$(answer status=1 | tail -n 1)" = STATUS_BUSY ] && break
@@ -93,6 +95,7 @@ for _ in $(seq 30); do
     [ "$(answer status=1 | tail -n 1)" = STATUS_FREE ] && break
     sleep 1
 done
+[ "$(answer status=1 | tail -n 1)" = STATUS_FREE ] || { echo "bench: the lock outlived the slow upload" >&2; exit 1; }
 
 # ---- a 16 MiB update to the reboot ------------------------------------------------
 tests/device/make-package 9.9 $((16 * 1048576)) "$work/update.tar"

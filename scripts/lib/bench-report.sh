@@ -112,6 +112,13 @@ END {
             "", "", "");
     }
 
+    r = get("client_upload", "ratio");
+    if (r != "")
+        row("upload of a 256 MiB package through lighttpd, update-device (host client)",
+            fmt("%.0f MB/s", get("client_upload", "client_MBps")),
+            fmt("curl -F %.0f MB/s", get("client_upload", "curl_MBps")), fmt("%.2f", r),
+            ">= 0.95", verdict(r >= 0.95));
+
     nd = get("sizes", "native_dynamic"); ns = get("sizes", "native_static");
     ad = get("sizes", "arm_dynamic"); as = get("sizes", "arm_static");
     row("stripped size, native (dynamic / static)", nd " / " ns " bytes", "", "", "", "");

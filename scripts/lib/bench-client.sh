@@ -1,0 +1,64 @@
+#!/usr/bin/env bash
+# The upload throughput of update-device against curl -F: the same 256 MiB
+# package to the same lighttpd in a device root, both signed in, in
+# alternating pairs.
+# Updates are disabled on the device, so each POST ends soon after its body.
+# Both sides are timed alike, from outside: from lighttpd's upload file
+# appearing in /var/tmp (the body starts to arrive) to its going (the body is
+# complete and the POST starts). Appends one line to RESULTS, the medians of
+# each side and of the pairs' ratios (curl's time / the client's):
+#   client_upload client_MBps=... curl_MBps=... ratio=...
+# Usage: scripts/lib/bench-client.sh TREE RESULTS PAIRS
+set -euo pipefail
+tree=$1 results=$2 pairs=$3
+root=$(cd "$(dirname "$0")/../.." && pwd)
+export E2E_WORK=$tree/e2e UPDATER_BIN=$tree/stripped/updater CGI_HEADER_BIN=$tree/deploy/cgi-header
+# shellcheck source=../../tests/e2e/lib.sh
+. "$root/tests/e2e/lib.sh"
+mkdir -p "$E2E_WORK"
+device_init client_upload
+device_start
+trap device_stop EXIT
+echo false >"$ROOT/fake/uci-value"
+bytes=$((256 << 20))
+package "$bytes"
+pkg=$ROOT/pkg
+has_upload_file() { compgen -G "$ROOT/var-tmp/lighttpd-upload-*" >/dev/null; }
+
+# Seconds the body took, sampled every millisecond while the command runs.
+body_seconds() {  # command...
+    local fifo=$ROOT/sampler.fifo start= end=
+    rm -f "$fifo"
+    mkfifo "$fifo"
+    exec 9<>"$fifo"
+    "$@" >/dev/null 2>&1 &
+    local job=$!
+    while [ -z "$end" ]; do
+        if has_upload_file; then
+            start=${start:-$EPOCHREALTIME}
+        elif [ -n "$start" ]; then
+            end=$EPOCHREALTIME
+        elif ! kill -0 "$job" 2>/dev/null; then
+            echo "bench-client: $1 ended before its upload" >&2
+            exit 1
+        fi
+        read -r -t 0.001 -u 9 || true
+    done
+    wait "$job" || true
+    exec 9<&-
+    echo "$start $end" | awk '{ printf "%.4f\n", $2 - $1 }'
+}
+
+client=() curl_side=() ratios=()
+for _ in $(seq "$pairs"); do
+    c=$(UPDATE_DEVICE_PASSWORD=${AUTH#*:} body_seconds "$tree/src/client/update-device" \
+        --user "${AUTH%%:*}" "$BASE" "$pkg")
+    r=$(body_seconds curl -sS -o /dev/null --digest -u "$AUTH" -H 'X-Updater-Page: 1' \
+        -F "package=@$pkg" "$CGI")
+    client+=("$c") curl_side+=("$r") ratios+=("$(awk -v c="$c" -v r="$r" 'BEGIN { print r / c }')")
+done
+rm -f "$pkg"
+median() { printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
+echo "client_upload client_MBps=$(awk -v s="$(median "${client[@]}")" -v b="$bytes" 'BEGIN { printf "%.0f", b / s / 1e6 }')" \
+    "curl_MBps=$(awk -v s="$(median "${curl_side[@]}")" -v b="$bytes" 'BEGIN { printf "%.0f", b / s / 1e6 }')" \
+    "ratio=$(median "${ratios[@]}")" >>"$results"

@@ -1,0 +1,173 @@
+#include "device_update.h"
+
+#include <thread>
+
+#include "interrupt.h"
+#include "log_follower.h"
+#include "package_upload.h"
+#include "progress_text.h"
+#include "reboot_wait.h"
+#include "saved_log.h"
+
+namespace {
+using clock_type = std::chrono::steady_clock;
+constexpr auto tick = std::chrono::milliseconds(200);
+// An error ending deletes the log 1.5 s after its entry: poll well inside that.
+constexpr auto poll_interval = std::chrono::milliseconds(400);
+constexpr auto answer_grace = std::chrono::seconds(5);
+constexpr auto release_limit = std::chrono::seconds(3);
+
+std::string file_name(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// An upload that stops before its end leaves the lock that a progress
+// request took for it: lighttpd drops the upload file at once, and the next
+// lock-state request takes the lock for stale and frees it. The POST cannot
+// have started without the whole body, so this request opens no window.
+bool release_lock(http_session& session) {
+    const auto until = clock_type::now() + release_limit;
+    do {
+        const http_answer answer = session.get(device_path::lock_state);
+        if (answer.ok() && answer.body == "STATUS_FREE") return true;
+        std::this_thread::sleep_for(poll_interval);
+    } while (clock_type::now() < until);
+    return false;
+}
+
+class device_update {
+  public:
+    device_update(const std::string& url, const update_settings& settings, update_report& report)
+        : url_(url),
+          settings_(settings),
+          report_(report),
+          control_(url, settings.who),
+          polls_(url, settings.who),
+          log_(polls_, report) {}
+
+    outcome run() {
+        const outcome lock = ask_lock_state();
+        if (!lock.ok()) return lock;
+        saved_before_ = saved_log_time(polls_);
+        log_.take_baseline();
+        if (interrupted()) {
+            return {EXIT_INTERRUPTED, "interrupted before the upload; nothing was sent"};
+        }
+        report_.step("sending " + file_name(settings_.package));
+        package_upload post(control_, settings_.package, settings_.rate_limit);
+        follow(post);
+        return conclude(post);
+    }
+
+  private:
+    // Our own upload has not begun: asking the lock state is safe here.
+    outcome ask_lock_state() {
+        report_.step("asking the device's lock state");
+        const http_answer lock = control_.get(device_path::lock_state);
+        if (lock.reached() && lock.code == 401 && settings_.who.user.empty()) {
+            return {EXIT_WRONG_PASSWORD, "the device asks for a user and password: give --user"};
+        }
+        if (!lock.ok()) return lock.failure();
+        if (lock.body == "STATUS_BUSY") {
+            return {EXIT_BUSY, "device busy: another update is running; nothing was sent"};
+        }
+        if (lock.body != "STATUS_FREE") {
+            return {EXIT_UNEXPECTED_ANSWER,
+                    "unexpected lock state \"" + lock.body.substr(0, 40) + "\""};
+        }
+        return {};
+    }
+
+    // Progress requests only, until the final entry or the POST's end (a
+    // lost connection after the whole body leaves the update running: the
+    // log goes on telling). Once the body is sent, a log that stays quiet
+    // for the timeout ends the wait.
+    void follow(package_upload& post) {
+        auto next_poll = clock_type::now();
+        auto quiet_since = next_poll;  // the body sent, or the log changed
+        while (!interrupted()) {
+            if (post.wait(tick)) {
+                if (post.answer().reached() || !post.body_sent()) return;
+                std::this_thread::sleep_for(tick);
+            }
+            report_.upload(post.sent(), post.total(), post.send_seconds());
+            if (!post.body_sent()) quiet_since = clock_type::now();
+            if (clock_type::now() >= next_poll) {
+                if (log_.poll()) quiet_since = clock_type::now();
+                next_poll = clock_type::now() + poll_interval;
+                if (log_.final_entry()) return;
+            }
+            if (clock_type::now() - quiet_since > std::chrono::seconds(settings_.timeout_seconds)) {
+                return;
+            }
+        }
+    }
+
+    outcome conclude(package_upload& post) {
+        if (interrupted()) return interrupted_outcome(post);
+        if (const auto& final = log_.final_entry()) {
+            if (final->error) {
+                post.wait(answer_grace);
+                return device_error(final->error_message());
+            }
+            return succeeded(post);
+        }
+        const bool ended = post.wait(std::chrono::milliseconds(0));
+        if (!ended) {
+            return {EXIT_NO_RESULT, "the device's log has not moved for " +
+                                        std::to_string(settings_.timeout_seconds) + " s"};
+        }
+        const http_answer& answer = post.answer();
+        if (answer.reached() && answer.code != 200) return answer.failure();
+        if (!post.body_sent()) return lost_upload(post);
+        // The POST answered without a final entry in the polls: the saved
+        // copy tells, if it was written by this update.
+        outcome verdict = saved_log_verdict(polls_, saved_before_);
+        return verdict.ok() ? succeeded(post) : verdict;
+    }
+
+    outcome succeeded(package_upload& post) {
+        if (!settings_.wait_for_restart) return {};
+        const auto deadline = clock_type::now() + std::chrono::seconds(settings_.timeout_seconds);
+        return await_restart(url_, settings_.who, post, deadline, saved_before_, report_);
+    }
+
+    outcome lost_upload(package_upload& post) {
+        const std::string what = post.stalled() ? "the upload stalled"
+                                                : "connection lost during the upload (" +
+                                                      post.answer().transport_error + ")";
+        const std::string where =
+            " after " + mebibytes(post.sent()) + " of " + mebibytes(post.total());
+        return {EXIT_UPLOAD_LOST, what + where + left_free()};
+    }
+
+    outcome interrupted_outcome(package_upload& post) {
+        if (post.body_sent()) {
+            return {EXIT_INTERRUPTED, "interrupted; the device goes on with the update"};
+        }
+        post.cancel();
+        post.wait(answer_grace);
+        return {EXIT_INTERRUPTED, "interrupted during the upload" + left_free()};
+    }
+
+    std::string left_free() {
+        report_.step("freeing the device's lock");
+        return release_lock(polls_) ? "; nothing was installed, the device is free"
+                                    : "; nothing was installed, the device still reports busy";
+    }
+
+    const std::string& url_;
+    const update_settings& settings_;
+    update_report& report_;
+    http_session control_;  // the lock state, then the POST
+    http_session polls_;    // progress requests and the saved log
+    log_follower log_;
+    long long saved_before_ = -1;
+};
+}  // namespace
+
+outcome update_device(const std::string& url, const update_settings& settings,
+                      update_report& report) {
+    return device_update(url, settings, report).run();
+}

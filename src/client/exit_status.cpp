@@ -1,0 +1,89 @@
+#include "exit_status.h"
+
+#include <cstdio>
+
+namespace {
+struct status_row {
+    int status;
+    const char* name;
+    const char* meaning;
+};
+
+constexpr status_row rows[] = {
+    {EXIT_UPDATED, "success",
+     "updated; unless --no-wait, the device came back and its saved log says success"},
+    {EXIT_SOME_DEVICES_FAILED, "some failed", "several devices: at least one failed"},
+    {EXIT_USAGE, "usage", "bad command line, or the password file cannot be read"},
+    {EXIT_PACKAGE_UNREADABLE, "no package", "the package is missing or unreadable"},
+    {EXIT_UNREACHABLE, "unreachable", "the device does not answer"},
+    {EXIT_WRONG_PASSWORD, "wrong password", "the device refuses the user or password (401)"},
+    {EXIT_REFUSED, "refused", "the device refuses the request (403)"},
+    {EXIT_BUSY, "busy", "another update runs on the device; nothing was sent"},
+    {EXIT_UPLOAD_LOST, "upload lost", "the connection was lost during the upload"},
+    {EXIT_NOT_BACK, "not back", "the device did not restart and answer again in time"},
+    {EXIT_UNEXPECTED_ANSWER, "unexpected",
+     "the device answered something this client does not know"},
+    {EXIT_NO_RESULT, "no result",
+     "the update ended without a success or error entry, or the saved log does not say success"},
+    {EXIT_INTERRUPTED, "interrupted",
+     "stopped by a signal (Ctrl-C); an upload under way is cancelled, the device left free"},
+    {EXIT_DEVICE_ERROR, "device error",
+     "the device's update ended with an error it has no number for"},
+};
+
+// The program's messages, by error number (index): the log carries only the
+// text. A copy, since the client links nothing of the device; a test compares.
+constexpr const char* device_messages[] = {
+    "",
+    "wrong input parameters",
+    "bad/malformed http header",
+    "upload aborted",
+    "validation failed",
+    "installation failed",
+    "upload timeout",
+    "can't allocate memory",
+    "update process already ongoing",
+    "update feature is disabled",
+    "update already in progress, please retry later.",
+};
+constexpr int device_message_count = sizeof device_messages / sizeof device_messages[0];
+}  // namespace
+
+const char* exit_status_name(int status) {
+    if (status > EXIT_DEVICE_ERROR && status < EXIT_DEVICE_ERROR + device_message_count) {
+        return "device error";
+    }
+    for (const status_row& row : rows) {
+        if (row.status == status) return row.name;
+    }
+    return "failed";
+}
+
+std::string exit_status_table() {
+    std::string table;
+    char line[200];
+    for (const status_row& row : rows) {
+        std::snprintf(line, sizeof line, "  %3d  %s\n", row.status, row.meaning);
+        table += line;
+    }
+    for (int code = 1; code < device_message_count; ++code) {
+        std::snprintf(line, sizeof line, "  %3d  the device's error %d: %s\n",
+                      EXIT_DEVICE_ERROR + code, code, device_messages[code]);
+        table += line;
+    }
+    return table;
+}
+
+int device_error_number(const std::string& message) {
+    for (int code = 1; code < device_message_count; ++code) {
+        if (message == device_messages[code]) return code;
+    }
+    return 0;
+}
+
+outcome device_error(const std::string& message) {
+    const int code = device_error_number(message);
+    std::string text = "the device's update failed";
+    if (code != 0) text += " (error " + std::to_string(code) + ")";
+    return {EXIT_DEVICE_ERROR + code, text + ": " + message};
+}

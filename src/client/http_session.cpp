@@ -1,0 +1,86 @@
+#include "http_session.h"
+
+namespace {
+// Every request of the page carries it; the device refuses the program's
+// URL without it.
+constexpr char page_header[] = "X-Updater-Page: 1";
+constexpr long connect_timeout_s = 5;
+// Polls and page requests are small; an upload sets no overall limit.
+constexpr long request_timeout_s = 10;
+
+size_t collect(char* data, size_t size, size_t count, void* body) {
+    static_cast<std::string*>(body)->append(data, size * count);
+    return size * count;
+}
+
+bool unreachable(CURLcode code) {
+    return code == CURLE_COULDNT_CONNECT || code == CURLE_COULDNT_RESOLVE_HOST ||
+           code == CURLE_OPERATION_TIMEDOUT || code == CURLE_URL_MALFORMAT;
+}
+}  // namespace
+
+outcome http_answer::failure() const {
+    if (!reached()) {
+        if (unreachable(transport))
+            return {EXIT_UNREACHABLE, "device unreachable: " + transport_error};
+        return {EXIT_UNEXPECTED_ANSWER, "request failed: " + transport_error};
+    }
+    if (code == 401) return {EXIT_WRONG_PASSWORD, "wrong user or password (HTTP 401)"};
+    if (code == 403) return {EXIT_REFUSED, "request refused by the device (HTTP 403)"};
+    return {EXIT_UNEXPECTED_ANSWER, "unexpected answer: HTTP " + std::to_string(code)};
+}
+
+http_session::http_session(const std::string& device_url, const credentials& who)
+    : curl_(curl_easy_init()), base_(device_url) {
+    headers_ = curl_slist_append(headers_, page_header);
+    curl_easy_setopt(curl_, CURLOPT_HTTPHEADER, headers_);
+    curl_easy_setopt(curl_, CURLOPT_ERRORBUFFER, error_);
+    curl_easy_setopt(curl_, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl_, CURLOPT_CONNECTTIMEOUT, connect_timeout_s);
+    curl_easy_setopt(curl_, CURLOPT_USERAGENT, "update-device");
+    curl_easy_setopt(curl_, CURLOPT_FILETIME, 1L);
+    curl_easy_setopt(curl_, CURLOPT_WRITEFUNCTION, collect);
+    if (!who.user.empty()) {
+        curl_easy_setopt(curl_, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_DIGEST));
+        curl_easy_setopt(curl_, CURLOPT_USERNAME, who.user.c_str());
+        curl_easy_setopt(curl_, CURLOPT_PASSWORD, who.password.c_str());
+    }
+}
+
+http_session::~http_session() {
+    curl_easy_cleanup(curl_);
+    curl_slist_free_all(headers_);
+}
+
+http_answer http_session::get(const std::string& path) {
+    http_answer answer;
+    curl_easy_setopt(curl_, CURLOPT_URL, url(path).c_str());
+    curl_easy_setopt(curl_, CURLOPT_HTTPGET, 1L);
+    curl_easy_setopt(curl_, CURLOPT_NOBODY, 0L);
+    curl_easy_setopt(curl_, CURLOPT_TIMEOUT, request_timeout_s);
+    perform(answer);
+    return answer;
+}
+
+http_answer http_session::head(const std::string& path) {
+    http_answer answer;
+    curl_easy_setopt(curl_, CURLOPT_URL, url(path).c_str());
+    curl_easy_setopt(curl_, CURLOPT_NOBODY, 1L);
+    curl_easy_setopt(curl_, CURLOPT_TIMEOUT, request_timeout_s);
+    perform(answer);
+    return answer;
+}
+
+void http_session::perform(http_answer& answer) {
+    error_[0] = '\0';
+    curl_easy_setopt(curl_, CURLOPT_WRITEDATA, &answer.body);
+    answer.transport = curl_easy_perform(curl_);
+    if (!answer.reached()) {
+        answer.transport_error = error_[0] ? error_ : curl_easy_strerror(answer.transport);
+        return;
+    }
+    curl_easy_getinfo(curl_, CURLINFO_RESPONSE_CODE, &answer.code);
+    curl_off_t modified = -1;
+    curl_easy_getinfo(curl_, CURLINFO_FILETIME_T, &modified);
+    answer.modified = modified;
+}

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <curl/curl.h>
+
+#include <string>
+
+#include "exit_status.h"
+
+struct credentials {
+    std::string user;  // empty: no sign-in
+    std::string password;
+};
+
+// What a request brought back: a transport failure, or an HTTP status with
+// its body and Last-Modified time.
+struct http_answer {
+    CURLcode transport = CURLE_OK;
+    std::string transport_error;
+    long code = 0;
+    std::string body;
+    long long modified = -1;  // Unix time; -1 when the answer has none
+
+    bool reached() const { return transport == CURLE_OK; }
+    bool ok() const { return reached() && code == 200; }
+    // The outcome of a request that should have answered 200 and did not.
+    outcome failure() const;
+};
+
+// Requests to one device, signed in and carrying the page's own header, on
+// one libcurl handle that keeps its connection and digest state between
+// requests. For one thread at a time.
+class http_session {
+  public:
+    http_session(const std::string& device_url, const credentials& who);
+    ~http_session();
+    http_session(const http_session&) = delete;
+    http_session& operator=(const http_session&) = delete;
+
+    http_answer get(const std::string& path);
+    http_answer head(const std::string& path);
+    std::string url(const std::string& path) const { return base_ + path; }
+
+    // Runs the transfer prepared on handle() (by the upload) and collects
+    // its answer into `answer`.
+    CURL* handle() { return curl_; }
+    void perform(http_answer& answer);
+
+  private:
+    CURL* curl_;
+    curl_slist* headers_ = nullptr;
+    std::string base_;
+    char error_[CURL_ERROR_SIZE] = {};
+};
+
+// The program's and the saved log's paths on the device.
+namespace device_path {
+constexpr char lock_state[] = "/cgi-bin/updater?status=1";
+constexpr char progress[] = "/cgi-bin/updater?request=1";
+constexpr char program[] = "/cgi-bin/updater";
+constexpr char page[] = "/update/index.html";
+constexpr char saved_log[] = "/update/last/updater-cgi.log";
+}  // namespace device_path

@@ -1,0 +1,30 @@
+#include "log_follower.h"
+
+log_follower::log_follower(http_session& session, update_report& report)
+    : session_(session), report_(report) {}
+
+void log_follower::take_baseline() {
+    const http_answer answer = session_.get(device_path::progress);
+    if (!answer.ok()) return;
+    seen_ = answer.body;
+    base_ = shown_ = earlier_entries(parse_update_log(seen_));
+}
+
+// A log that does not begin with the one seen before was replaced (an
+// earlier update's error ending deletes its log): all of it is new.
+bool log_follower::poll() {
+    const http_answer answer = session_.get(device_path::progress);
+    if (!answer.ok() || answer.body == seen_) return false;
+    if (answer.body.compare(0, seen_.size(), seen_) != 0) base_ = shown_ = 0;
+    seen_ = answer.body;
+
+    const std::vector<log_entry> entries = parse_update_log(seen_);
+    for (; shown_ < entries.size(); ++shown_) {
+        report_.entry(entries[shown_]);
+    }
+    if (entries.size() > base_) {
+        const log_entry& newest = entries.back();
+        if (newest.success || newest.error) final_ = newest;
+    }
+    return true;
+}

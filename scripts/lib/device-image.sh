@@ -1,7 +1,7 @@
 # Makes the emulated device's disk image; sourced by scripts/device.
 #
 # Two layers, each cached under $device_cache by a digest of what makes it:
-#   base-KEY/   Debian bookworm armhf from Debian's archive (mmdebstrap, about
+#   base-KEY/   Debian bookworm armhf from Debian's archive (mmdebstrap, 3 to
 #               6 minutes): base.tar, the kernel and initrd, the suites used.
 #               KEY: the package list, the initrd settings and this recipe.
 #   image-KEY/  the base with the project's armhf package installed by dpkg
@@ -84,7 +84,7 @@ device_base() {
     dir=$device_cache/base-$(base_key)
     if [ ! -f "$dir/base.tar" ]; then
         ensure_binfmt
-        echo "device: making the Debian base (mmdebstrap, about 6 minutes)" >&2
+        echo "device: making the Debian base (mmdebstrap, 3 to 6 minutes)" >&2
         local start=$SECONDS
         make_base "$dir"
         echo "device: base made in $((SECONDS - start)) s ($(paste -sd' ' "$dir/suites"))" >&2

@@ -37,9 +37,12 @@
         }
     }
 
+    // A probe that gets no answer within 5 s counts as "down": a connection
+    // opened while the device reboots can be held until it is back.
     async function alive() {
         try {
-            const response = await fetch('index.html', {method: 'HEAD', cache: 'no-store'});
+            const response = await fetch('index.html', {method: 'HEAD', cache: 'no-store',
+                                                        signal: AbortSignal.timeout(5000)});
             return response.ok;
         } catch (e) {
             return false;

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "state/error_messages.h"
+
 namespace {
 struct status_row {
     int status;
@@ -31,26 +33,10 @@ constexpr status_row rows[] = {
      "the device's update ended with an error it has no number for"},
 };
 
-// The program's messages, by error number (index): the log carries only the
-// text. A copy, since the client links nothing of the device; a test compares.
-constexpr const char* device_messages[] = {
-    "",
-    "wrong input parameters",
-    "bad/malformed http header",
-    "upload aborted",
-    "validation failed",
-    "installation failed",
-    "upload timeout",
-    "can't allocate memory",
-    "update process already ongoing",
-    "update feature is disabled",
-    "update already in progress, please retry later.",
-};
-constexpr int device_message_count = sizeof device_messages / sizeof device_messages[0];
 }  // namespace
 
 const char* exit_status_name(int status) {
-    if (status > EXIT_DEVICE_ERROR && status < EXIT_DEVICE_ERROR + device_message_count) {
+    if (status > EXIT_DEVICE_ERROR && status < EXIT_DEVICE_ERROR + error_code_count) {
         return "device error";
     }
     for (const status_row& row : rows) {
@@ -66,17 +52,17 @@ std::string exit_status_table() {
         std::snprintf(line, sizeof line, "  %3d  %s\n", row.status, row.meaning);
         table += line;
     }
-    for (int code = 1; code < device_message_count; ++code) {
+    for (int code = 1; code < error_code_count; ++code) {
         std::snprintf(line, sizeof line, "  %3d  the device's error %d: %s\n",
-                      EXIT_DEVICE_ERROR + code, code, device_messages[code]);
+                      EXIT_DEVICE_ERROR + code, code, error_messages[code]);
         table += line;
     }
     return table;
 }
 
 int device_error_number(const std::string& message) {
-    for (int code = 1; code < device_message_count; ++code) {
-        if (message == device_messages[code]) return code;
+    for (int code = 1; code < error_code_count; ++code) {
+        if (message == error_messages[code]) return code;
     }
     return 0;
 }

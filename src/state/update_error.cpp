@@ -2,25 +2,12 @@
 
 #include <unistd.h>
 
+#include "state/error_messages.h"
 #include "state/update_status.h"
 #include "support/debug_trace.h"
 #include "support/device_paths.h"
 
 namespace {
-constexpr const char* messages[] = {
-    "",
-    "wrong input parameters",
-    "bad/malformed http header",
-    "upload aborted",
-    "validation failed",
-    "installation failed",
-    "upload timeout",
-    "can't allocate memory",
-    "update process already ongoing",
-    "update feature is disabled",
-    "update already in progress, please retry later.",
-};
-constexpr int code_count = sizeof messages / sizeof messages[0];
 constexpr useconds_t log_removal_delay_us = 1500000;
 }  // namespace
 
@@ -30,8 +17,8 @@ update_error& update_error::instance() {
 }
 
 const char* update_error::message(int code) const {
-    if (code < 1 || code >= code_count) return "";
-    return messages[code];
+    if (code < 1 || code >= error_code_count) return "";
+    return error_messages[code];
 }
 
 int update_error::end_update_with_error(int code) {

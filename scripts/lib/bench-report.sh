@@ -98,6 +98,18 @@ END {
                 ">= 0.8", verdict(us / m >= 0.8));
     }
 
+    # What a request costs the server: lighttpd and the CGI processes it ran.
+    for (q = 0; q < 2; q++) {
+        request = q ? "lock_state" : "progress";
+        u = get("lighttpd/" request, "updater_cpu_us"); m = get("lighttpd/" request, "minimal_cpu_us");
+        if (u == "") continue;
+        row("CPU per " (q ? "lock-state" : "progress") " request through lighttpd (lighttpd and the CGI), minimal / updater",
+            fmt("%.0f us", u), fmt("minimal C CGI %.0f us", m), fmt("%.2f", m / u), ">= 1.0", verdict(m / u >= 1.0));
+        us = get("lighttpd/" request, "updater_static_cpu_us");
+        if (us != "")
+            row("the same, static program", fmt("%.0f us", us), "", fmt("%.2f", m / us), ">= 1.0", verdict(m / us >= 1.0));
+    }
+
     s = "lighttpd/lock_state_signed"; u = get(s, "updater_rps"); m = get(s, "minimal_rps"); us = get(s, "updater_static_rps");
     if (u != "") {
         row("lock-state requests/s through lighttpd, signed in (digest), page-header rules",

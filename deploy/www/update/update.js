@@ -119,8 +119,10 @@
 
     // Shows the saved copy of the last update's log with its outcome; these
     // copies survive the reboot, so they are what the user can trust.
+    // Both copies are asked for first, so that the verdict and the trace
+    // link appear together.
     async function refreshLast() {
-        const saved = await get(SAVED_LOG);
+        const [saved, trace] = await Promise.all([get(SAVED_LOG), get(SAVED_TRACE)]);
         const verdict = $('last-verdict');
         if (saved === null || saved.text.length === 0) {
             verdict.textContent = 'No update has been recorded on this device yet.';
@@ -149,7 +151,6 @@
         renderLog($('last-log'), entries);
         $('last-log').hidden = false;
         $('last-log-box').hidden = false;
-        const trace = await get(SAVED_TRACE);
         $('trace-link').hidden = trace === null;
         $('trace-link').href = SAVED_TRACE + '?t=' + Date.now();
         return saved.modified;

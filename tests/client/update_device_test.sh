@@ -14,6 +14,7 @@ disabled         | disabled       | -           |                        | 29 | 
 busy             | busy           | -           |                        | 7  | device busy
 wrong_password   | wrong_password | -           |                        | 5  | wrong user or password
 cut_upload       | -              | cut_upload  | --limit-rate 4M        | 8  | connection lost during the upload
+power_cut        | slow_installer | cut_power   | --timeout 30           | 11 | no saved log of the last update; the outcome is unknown
 two_devices      | second_device  | -           | --no-wait --parallel 2 | 1  | device error
 unreachable      | no_server      | -           |                        | 4  | device unreachable
 no_package       | no_package     | -           |                        | 3  | cannot read the package"
@@ -42,6 +43,7 @@ wrong_password() { password=wrong; }
 no_server() { urls=("http://127.0.0.1:1"); }
 no_package() { pkg=$ROOT/missing.bin; }
 slow_preupdate() { echo 1 >"$ROOT/fake/preupdate-delay"; }
+slow_installer() { echo 5 >"$ROOT/fake/installer-delay"; }
 # The lock must hold to the end: a lock-state request of the client while the
 # POST starts (the preupdate.sh second) would have freed it. The fake reboot
 # only records: the device goes down as it asks.
@@ -55,6 +57,9 @@ cut_upload() {  # a progress poll takes the lock, then the connection goes
         cp "$ROOT/var-log/updater-cgi.lock" "$ROOT/lock-before-cut" &&
         ss -K dst 127.0.0.1 dport = ":$PORT" >/dev/null 2>&1
 }
+# The device restarts under the installer: the log and the POST's connection
+# go, and no copy of this update's log was saved.
+cut_power() { wait_for 60 log_has 'installing package file' && device_reboot 2; }
 second_device() {  # a second device with the same user, from a devices file, whose installer fails
     local first=$ROOT base=$BASE
     device_init "client_${name}_b" && echo "$AUTH" >"$ROOT/credentials" && installer_fails

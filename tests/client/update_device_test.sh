@@ -16,7 +16,8 @@ wrong_password   | wrong_password | -           |                        | 5  | 
 cut_upload       | -              | cut_upload  | --limit-rate 4M        | 8  | connection lost during the upload
 two_devices      | second_device  | -           | --no-wait --parallel 2 | 1  | device error
 unreachable      | no_server      | -           |                        | 4  | device unreachable
-no_package       | no_package     | -           |                        | 3  | cannot read the package"
+no_package       | no_package     | -           |                        | 3  | cannot read the package
+refused_early    | refused_early  | -           |                        | 3  | is empty"
 IFS='|' read -r _ before during options status expected < <(grep "^$name " <<<"$table")
 trim() { xargs <<<"$1"; }
 before=$(trim "$before") during=$(trim "$during") status=$(trim "$status") expected=$(trim "$expected")
@@ -41,6 +42,26 @@ busy() { : >"$ROOT/var-tmp/lighttpd-upload-other" && progress >/dev/null; }
 wrong_password() { password=wrong; }
 no_server() { urls=("http://127.0.0.1:1"); }
 no_package() { pkg=$ROOT/missing.bin; }
+# Each refused with one line (and a hint to --help for a usage error) before
+# any request: the device's /var/log stays empty. The table's own run: an
+# empty package.
+refused_early() {
+    local bad=$ROOT/bad && mkdir -p "$bad" && : >"$bad/empty.pkg" && pkg=$bad/empty.pkg
+    printf '%s/update/   # station 1\n\nftp://%s\n' "$BASE" "${BASE#http://}" >"$bad/devices"
+    echo 'machine other.lan login a password b' >"$bad/netrc"
+    while IFS='|' read -r want text args; do
+        eval "set -- $args"
+        UPDATE_DEVICE_PASSWORD=$password "$CLIENT_BIN" "$@" >"$bad/out" 2>&1
+        check "$name: $text" "$want yes" "$? $(wc -l <"$bad/out") $(grep -qF -- "$text" "$bad/out" && echo yes)"
+    done <<ROWS
+2 2|devices line 3: not an http or https URL|--devices $bad/devices $ROOT/pkg
+2 2|--user takes a name only|-u $user:$password $BASE $ROOT/pkg
+2 2|unknown option --bogus|-u $user --bogus $BASE $ROOT/pkg
+2 2|no host in http:///update/|-u $user http:///update/ $ROOT/pkg
+2 2|has no entry for 127.0.0.1|--netrc-file $bad/netrc $BASE $ROOT/pkg
+3 1|is not a regular file|-u $user $BASE $bad
+ROWS
+}
 slow_preupdate() { echo 1 >"$ROOT/fake/preupdate-delay"; }
 # The lock must hold to the end: a lock-state request of the client while the
 # POST starts (the preupdate.sh second) would have freed it. The fake reboot
@@ -89,6 +110,8 @@ case $name in
     cut_upload)
         check "$name: nothing was installed" "" "$(grep '^updater' "$ROOT/fake/record")"
         check_true "$name: the device was locked when the connection went" test -e "$ROOT/lock-before-cut" ;;
+    refused_early)
+        check "$name: no request reached the device" "" "$(ls "$ROOT/var-log")" ;;
     two_devices)
         check_true "$name: a table row for each" grep -qE "^${BASE#http://} +success" "$ROOT/client.out"
         check "$name: the second device failed" 1 "$(grep -cE '^127.* +device error +.*error 5' "$ROOT/client.out")" ;;

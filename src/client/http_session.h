@@ -6,9 +6,14 @@
 
 #include "exit_status.h"
 
-struct credentials {
-    std::string user;  // empty: no sign-in
+// How the client reaches and signs in to every device.
+struct connection_settings {
+    std::string user;  // empty: no sign-in, or the netrc file's
     std::string password;
+    std::string netrc_file;  // each device's user and password
+    long connect_timeout_ms = 5000;
+    std::string proxy;    // empty: curl's proxy variables
+    std::string noproxy;  // hosts reached without a proxy
 };
 
 // What a request brought back: a transport failure, or an HTTP status with
@@ -31,7 +36,7 @@ struct http_answer {
 // requests. For one thread at a time.
 class http_session {
   public:
-    http_session(const std::string& device_url, const credentials& who);
+    http_session(const std::string& device_url, const connection_settings& how);
     ~http_session();
     http_session(const http_session&) = delete;
     http_session& operator=(const http_session&) = delete;

@@ -15,8 +15,8 @@ class log_follower {
   public:
     log_follower(http_session& session, update_report& report);
 
-    // Reads the log before the upload: its entries up to a final one belong
-    // to an earlier update.
+    // Reads the log before the upload: all of it belongs to earlier updates
+    // or uploads (the device was free).
     void take_baseline();
     // One progress request; an answer that fails is skipped. True when the
     // log has changed.
@@ -32,6 +32,8 @@ class log_follower {
     bool saw_update() const { return shown_ > base_; }
     // Whether the latest progress request had an answer.
     bool answered() const { return answered_; }
+    // The log shows that the POST runs: this update has begun on the device.
+    bool update_began() const { return began_; }
 
   private:
     http_session& session_;
@@ -42,4 +44,5 @@ class log_follower {
     std::optional<log_entry> final_;
     bool vanished_ = false;
     bool answered_ = false;
+    bool began_ = false;
 };

@@ -13,7 +13,8 @@ long long saved_log_time(http_session& session) {
 outcome saved_log_verdict(http_session& session, long long before) {
     const http_answer answer = session.get(device_path::saved_log);
     if (answer.reached() && answer.code == 404) {
-        return {EXIT_NO_RESULT, "the device has no saved log of the last update; the outcome is unknown"};
+        return {EXIT_NO_RESULT,
+                "the device has no saved log of the last update; the outcome is unknown"};
     }
     if (!answer.ok()) return answer.failure();
     if (before >= 0 && answer.modified == before) {
@@ -24,8 +25,13 @@ outcome saved_log_verdict(http_session& session, long long before) {
         return {EXIT_NO_RESULT, "the saved log of the update is empty; the outcome is unknown"};
     }
     const log_entry& newest = entries.back();
-    if (newest.success) return {};
-    if (newest.error) return device_error(newest.error_message());
-    return {EXIT_NO_RESULT, "the saved log of the update ends with \"" + newest.text +
-                                "\", before its result; the outcome is unknown"};
+    outcome verdict;
+    if (newest.error) {
+        verdict = device_error(newest.error_message());
+    } else if (!newest.success) {
+        verdict = {EXIT_NO_RESULT, "the saved log of the update ends with \"" + newest.text +
+                                       "\", before its result; the outcome is unknown"};
+    }
+    verdict.verdict = newest.text;
+    return verdict;
 }

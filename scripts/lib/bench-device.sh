@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # scripts/bench --device: figures taken on the emulated device (scripts/device)
 # and printed as one table. Under emulation only ratios mean something.
-#   - boot: qemu's start to lighttpd answering;
+#   - boot: qemu's start to lighttpd answering, and to the update page
+#     answering (signed in);
 #   - a 16 MiB update: from the upload's start to the POST's end, to the
-#     guest's kernel starting again, and to the page answering again;
+#     guest's kernel starting again, and to the update page answering again;
+#   - a power cut and the power on again, to the update page answering;
 #   - lock-state and progress requests/s through the device's lighttpd (wrk
 #     from the host, through qemu's port forward), in the receiving state,
 #     against a minimal C CGI on the same machine. The benchmark image adds
@@ -43,6 +45,16 @@ AUTH=$(cat "$run/credentials")
 boots() { grep -c '] Linux version' "$run/serial.log"; }
 now() { date +%s%N; }
 seconds() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.1f", (b - a) / 1e9 }'; }
+page_answers() { [ "$(page -o /dev/null -m 5 -w '%{http_code}' "$base/update/" 2>/dev/null)" = 200 ]; }
+# Seconds from a boot's start to the update page answering: scripts/device
+# has timed it to lighttpd's first answer.
+page_up() {
+    local from
+    from=$(now)
+    until page_answers; do sleep 0.2; done
+    awk -v b="$(cat "$run/boot-seconds")" -v a="$from" -v e="$(now)" 'BEGIN { printf "%.1f", b + (e - a) / 1e9 }'
+}
+boot_page=$(page_up)
 # The answer after the sign-in's 401: status, headers but the date, body.
 answer() { page -i "$cgi?$1" | tr -d '\r' | awk '/^HTTP\// { out = "" } !/^Date:/ { out = out $0 "\n" } END { printf "%s", out }'; }
 
@@ -107,13 +119,15 @@ until [ "$(boots)" -ge 2 ]; do
     sleep 0.2
 done
 rebooted=$(now)
-until [ "$(curl -s -o /dev/null -m 5 -w '%{http_code}' "$base/version.txt")" = 200 ]; do
+until page_answers; do
     [ $(($(now) - start)) -lt 900000000000 ] || { echo "bench: not back" >&2; exit 1; }
     sleep 0.5
 done
 back=$(now)
 page "$base/update/last/updater-cgi.log" >"$work/update.log"
 [ "$(curl -sS "$base/version.txt")" = 9.9 ] || { echo "bench: the update did not install" >&2; exit 1; }
+scripts/device cut --run "$run" && scripts/device power-on --run "$run"
+cut_page=$(page_up)
 
 # ---- table ------------------------------------------------------------------------
 row() { printf '| %s | %s | %s | %s |\n' "$@"; }
@@ -121,10 +135,12 @@ echo
 echo "| figure (emulated device: qemu-system-arm virt, Cortex-A15, 512 MiB) | updater | reference | ratio |"
 echo "|---|---|---|---|"
 row "boot to lighttpd answering" "$(cat "$run/boot-seconds") s" "" ""
+row "boot to the update page answering (signed in)" "$boot_page s" "" ""
 row "16 MiB update, upload start to the POST's end (answered, or cut by the shutdown)" \
     "$(printf '%.1f' "$(cat "$work/update.post")") s" "" ""
 row "the same, to the kernel starting again" "$(seconds "$start" "$rebooted") s" "" ""
-row "the same, to the web server answering again" "$(seconds "$start" "$back") s" "" ""
+row "the same, to the update page answering again" "$(seconds "$start" "$back") s" "" ""
+row "power cut, power on, to the update page answering" "$cut_page s" "" ""
 for query in status=1 request=1; do
     u=$(median <<<"${runs[$query]}") m=$(median <<<"${runs[$query.minimal]}")
     name=lock-state

@@ -5,8 +5,12 @@
 # a valid package goes up through lighttpd while progress polls follow the
 # log to the success entry; the guest reboots (its kernel starts again on
 # the console); then the new firmware is installed and the saved log and
-# trace are served. An invalid package then ends in the installer's error,
-# without a reboot, the firmware unchanged.
+# trace are served. Before that update, two power cuts (in the installer,
+# and in the pause after the success entry) and the cable pulled for 30 s
+# during an upload, each checked as the reliability campaign does
+# (tests/reliability/device.sh, update-device from CLIENT_BIN); the update
+# is then their next update. An invalid package then ends in the
+# installer's error, without a reboot, the firmware unchanged.
 # Usage: tests/device/system_test.sh [--deb FILE]    (as root)
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -57,6 +61,11 @@ BASE=$BASE AUTH=$AUTH PACKAGE=$work/firmware-1.5.tar ARTIFACTS=$work node --test
 check "the browser test passes on the device (build/device-test/work/browser.tap)" 0 $?
 check_true "the browser's update rebooted the device" rebooted
 check "firmware 1.5 is installed" 1.5 "$(firmware)"
+
+CLIENT_BIN=${CLIENT_BIN:-$src/build/native/src/client/update-device} REL_WORK=$work/campaign \
+    "$src/tests/reliability/device.sh" --run "$run" --cuts 2 --phases install,pause --outages 30 --no-next \
+    >"$work/campaign.log" 2>&1
+check "power cuts and a lost link: the device whole and truthful (build/device-test/work/campaign.log)" 0 $?
 
 "$here/make-package" 2.0 $((16 * 1048576)) "$work/firmware-2.0.tar"
 started=$SECONDS booted=$(boots)

@@ -97,11 +97,15 @@ log_has() { [[ $(progress 2>/dev/null) == *"$1"* ]]; }
 until_log() { local end=$((SECONDS + $2)); until log_has "$1"; do [ $SECONDS -lt $end ] || return 1; sleep 0.25; done; }
 after() { sleep "$(awk -v a="$1" -v b="$2" -v u="$3" 'BEGIN { print a + b * u }')"; } # a + b * u seconds
 
-# The moment of a phase, u in (0, 1) along it; false if the update never got there.
+# The moment of a phase, u in (0, 1) along it; false if the update never got
+# there. While the body arrives the driver's output tells: a progress request
+# of a second client then could meet the driver's and end in error 10, whose
+# ending saves its log over the last update's.
 moment() {  # phase u driver-output
+    [ "$1" = body ] && { wait_for 60 grep -q '^sending' "$3" && after 0.5 3 "$2"; return; }
+    wait_for 120 grep -q 'upload complete' "$3" || return 1
     case $1 in
-        body) until_log 'receiving package file' 60 && after 0 3 "$2" ;;
-        complete) wait_for 120 grep -q 'upload complete' "$3" && after 0 1 "$2" ;;
+        complete) after 0 1 "$2" ;;
         install) until_log 'stopping the application' 120 && after 0 4 "$2" ;;
         pause) until_log 'firmware successfully loaded' 120 && after 0 9.5 "$2" ;;
         save) until_log 'firmware successfully loaded' 120 && after 9.5 1.5 "$2" ;;
@@ -187,7 +191,7 @@ for s in "${seconds[@]}"; do
     start=$SECONDS old=$(firmware) && package "8.$s" $((16 << 20))
     client "$PKG" "$work/outage-$s.out" --limit-rate 1M --timeout 600 &
     job=$!
-    until_log 'receiving package file' 60 && sleep 2 && device link down && sleep "$s" && device link up
+    wait_for 60 grep -q 'receiving package file' "$work/outage-$s.out" && sleep 2 && device link down && sleep "$s" && device link up
     wait "$job"
     rc=$? lock=$(lock_state) fw=$(firmware) after=no
     next_update "9.$s"

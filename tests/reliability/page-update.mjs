@@ -1,6 +1,6 @@
 // The update page in chromium for the device campaign (device.sh), one line
-// each on standard output: with PACKAGE, an update through the page, "upload
-// complete" once the body has gone and "outcome CLASS TEXT" once the page
+// each on standard output: with PACKAGE, an update through the page,
+// "sending", "upload complete" once the body has gone, "outcome CLASS TEXT" once the page
 // has its outcome and is idle again (the device may lose power meanwhile);
 // then, and alone without PACKAGE, "verdict TEXT": the last update's verdict
 // on a fresh load of the page once the device answers. Environment: BASE,
@@ -32,9 +32,9 @@ try {
             {offline: false, latency: 0, downloadThroughput: -1, uploadThroughput: Number(RATE)});
         await page.setInputFiles('#package', PACKAGE);
         await page.click('#update');
-        await page.waitForFunction(() => document.querySelector('#upload-meter .bar')
-            .getAttribute('aria-valuenow') === '100', null, {polling: 100});
-        console.log('upload complete');
+        console.log('sending');
+        page.waitForFunction(() => document.querySelector('#upload-meter .bar').getAttribute('aria-valuenow') ===
+            '100', null, {polling: 100}).then(() => console.log('upload complete'), () => {});
         await page.waitForFunction(() => !document.getElementById('outcome').hidden &&
             /^(Ready|The device does not answer)/.test(document.getElementById('state').textContent),
         null, {polling: 500});

@@ -22,7 +22,7 @@ wrong_scheme     | wrong_scheme   | -           |                        | 10 | 
 interrupt_twice  | hung_server    | interrupt_twice |                    | 12 | asking the device's lock state
 late_device      | late_device    | come_up_late | --wait-online 30 --no-wait | 0 | waiting up to 30 s for the device
 busy_then_free   | busy           | free_later  | --retry 3 --no-wait    | 0  | device busy: another update is running; nothing was sent; trying again in 1 s
-no_second_post   | slow_installer | power_cut   | --retry 3 --timeout 4  | 11 | no saved log
+no_second_post   | slow_installer | power_cut   | --retry 3 --timeout 4  | 11 | no saved log of the last update; the outcome is unknown
 no_package       | no_package     | -           |                        | 3  | cannot read the package
 refused_early    | refused_early  | -           |                        | 3  | is empty"
 IFS='|' read -r _ before during options status expected < <(grep "^$name " <<<"$table")

@@ -42,8 +42,8 @@ class device_update {
         : url_(url),
           settings_(settings),
           report_(report),
-          control_(url, settings.who),
-          polls_(url, settings.who),
+          control_(url, settings.connection),
+          polls_(url, settings.connection),
           log_(polls_, report) {}
 
     outcome run() {
@@ -54,6 +54,7 @@ class device_update {
         if (interrupted()) {
             return {EXIT_INTERRUPTED, "interrupted before the upload; nothing was sent"};
         }
+        report_.phase("upload");
         report_.step("sending " + file_name(settings_.package));
         package_upload post(control_, settings_.package, settings_.rate_limit);
         follow(post);
@@ -65,12 +66,14 @@ class device_update {
     outcome ask_lock_state() {
         report_.step("asking the device's lock state");
         const http_answer lock = control_.get(device_path::lock_state);
-        if (lock.reached() && lock.code == 401 && settings_.who.user.empty()) {
+        if (lock.reached() && lock.code == 401 && settings_.connection.user.empty() &&
+            settings_.connection.netrc_file.empty()) {
             return {EXIT_WRONG_PASSWORD, "the device asks for a user and password: give --user"};
         }
-        if (!lock.ok()) return lock.failure();
+        if (!lock.ok()) return lock.failure().safe_to_retry(!lock.reached());
         if (lock.body == "STATUS_BUSY") {
-            return {EXIT_BUSY, "device busy: another update is running; nothing was sent"};
+            return outcome{EXIT_BUSY, "device busy: another update is running; nothing was sent"}
+                .safe_to_retry(true);
         }
         if (lock.body != "STATUS_FREE") {
             return {EXIT_UNEXPECTED_ANSWER,
@@ -81,8 +84,10 @@ class device_update {
 
     // Progress requests only, until the final entry or the POST's end (a
     // lost connection after the whole body leaves the update running: the
-    // log goes on telling). Once the body is sent, a log that stays quiet
-    // for the timeout ends the wait.
+    // log goes on telling, unless the device restarts: it stops answering
+    // and answers again, or its log vanishes, which an error ending that
+    // the polls missed also does). Once the body is sent, a log that stays
+    // quiet for the timeout ends the wait.
     void follow(package_upload& post) {
         auto next_poll = clock_type::now();
         auto quiet_since = next_poll;  // the body sent, or the log changed
@@ -92,16 +97,33 @@ class device_update {
                 std::this_thread::sleep_for(tick);
             }
             report_.upload(post.sent(), post.total(), post.send_seconds());
+            if (post.body_sent() && !sent_marked_) {
+                report_.phase("sent");
+                sent_marked_ = true;
+            }
             if (!post.body_sent()) quiet_since = clock_type::now();
             if (clock_type::now() >= next_poll) {
                 if (log_.poll()) quiet_since = clock_type::now();
                 next_poll = clock_type::now() + poll_interval;
-                if (log_.final_entry()) return;
+                if (log_.final_entry()) {
+                    report_.phase("final_entry");
+                    return;
+                }
+                if (post.wait(std::chrono::milliseconds(0)) && lost_device()) return;
             }
             if (clock_type::now() - quiet_since > std::chrono::seconds(settings_.timeout_seconds)) {
                 return;
             }
         }
+    }
+
+    // After the POST's connection was lost with the whole body sent: a
+    // device back from a restart has lost the log of the update, or answers
+    // again without ever having shown it.
+    bool lost_device() {
+        went_down_ = went_down_ || !log_.answered();
+        restarted_ = log_.vanished() || (went_down_ && log_.answered() && !log_.saw_update());
+        return restarted_;
     }
 
     outcome conclude(package_upload& post) {
@@ -116,21 +138,24 @@ class device_update {
         const bool ended = post.wait(std::chrono::milliseconds(0));
         if (!ended) {
             return {EXIT_NO_RESULT, "the device's log has not moved for " +
-                                        std::to_string(settings_.timeout_seconds) + " s"};
+                                        std::to_string(settings_.timeout_seconds) +
+                                        " s; the outcome is unknown"};
         }
         const http_answer& answer = post.answer();
         if (answer.reached() && answer.code != 200) return answer.failure();
         if (!post.body_sent()) return lost_upload(post);
-        // The POST answered without a final entry in the polls: the saved
-        // copy tells, if it was written by this update.
+        // The POST ended without a final entry in the polls: the saved copy
+        // tells, if it was written by this update. Its success with the
+        // device restarted means the reboot after the copy has happened.
         outcome verdict = saved_log_verdict(polls_, saved_before_);
+        if (verdict.ok() && restarted_) return {};
         return verdict.ok() ? succeeded(post) : verdict;
     }
 
     outcome succeeded(package_upload& post) {
         if (!settings_.wait_for_restart) return {};
         const auto deadline = clock_type::now() + std::chrono::seconds(settings_.timeout_seconds);
-        return await_restart(url_, settings_.who, post, deadline, saved_before_, report_);
+        return await_restart(url_, settings_.connection, post, deadline, saved_before_, report_);
     }
 
     outcome lost_upload(package_upload& post) {
@@ -139,7 +164,8 @@ class device_update {
                                                       post.answer().transport_error + ")";
         const std::string where =
             " after " + mebibytes(post.sent()) + " of " + mebibytes(post.total());
-        return {EXIT_UPLOAD_LOST, what + where + left_free()};
+        const bool began = log_.update_began();
+        return outcome{EXIT_UPLOAD_LOST, what + where + left_free()}.safe_to_retry(!began);
     }
 
     outcome interrupted_outcome(package_upload& post) {
@@ -164,6 +190,9 @@ class device_update {
     http_session polls_;    // progress requests and the saved log
     log_follower log_;
     long long saved_before_ = -1;
+    bool went_down_ = false;
+    bool restarted_ = false;
+    bool sent_marked_ = false;
 };
 }  // namespace
 

@@ -1,10 +1,12 @@
 #include "http_session.h"
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 namespace {
 // Every request of the page carries it; the device refuses the program's
 // URL without it.
 constexpr char page_header[] = "X-Updater-Page: 1";
-constexpr long connect_timeout_s = 5;
 // Polls and page requests are small; an upload sets no overall limit.
 constexpr long request_timeout_s = 10;
 
@@ -30,20 +32,29 @@ outcome http_answer::failure() const {
     return {EXIT_UNEXPECTED_ANSWER, "unexpected answer: HTTP " + std::to_string(code)};
 }
 
-http_session::http_session(const std::string& device_url, const credentials& who)
+http_session::http_session(const std::string& device_url, const connection_settings& how)
     : curl_(curl_easy_init()), base_(device_url) {
     headers_ = curl_slist_append(headers_, page_header);
     curl_easy_setopt(curl_, CURLOPT_HTTPHEADER, headers_);
     curl_easy_setopt(curl_, CURLOPT_ERRORBUFFER, error_);
     curl_easy_setopt(curl_, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(curl_, CURLOPT_CONNECTTIMEOUT, connect_timeout_s);
+    curl_easy_setopt(curl_, CURLOPT_CONNECTTIMEOUT_MS, how.connect_timeout_ms);
     curl_easy_setopt(curl_, CURLOPT_USERAGENT, "update-device");
     curl_easy_setopt(curl_, CURLOPT_FILETIME, 1L);
     curl_easy_setopt(curl_, CURLOPT_WRITEFUNCTION, collect);
-    if (!who.user.empty()) {
-        curl_easy_setopt(curl_, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_DIGEST));
-        curl_easy_setopt(curl_, CURLOPT_USERNAME, who.user.c_str());
-        curl_easy_setopt(curl_, CURLOPT_PASSWORD, who.password.c_str());
+    curl_easy_setopt(curl_, CURLOPT_OPENSOCKETFUNCTION, open_socket);
+    curl_easy_setopt(curl_, CURLOPT_OPENSOCKETDATA, this);
+    curl_easy_setopt(curl_, CURLOPT_CLOSESOCKETFUNCTION, close_socket);
+    curl_easy_setopt(curl_, CURLOPT_CLOSESOCKETDATA, this);
+    if (!how.proxy.empty()) curl_easy_setopt(curl_, CURLOPT_PROXY, how.proxy.c_str());
+    if (!how.noproxy.empty()) curl_easy_setopt(curl_, CURLOPT_NOPROXY, how.noproxy.c_str());
+    curl_easy_setopt(curl_, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_DIGEST));
+    if (!how.netrc_file.empty()) {
+        curl_easy_setopt(curl_, CURLOPT_NETRC, static_cast<long>(CURL_NETRC_REQUIRED));
+        curl_easy_setopt(curl_, CURLOPT_NETRC_FILE, how.netrc_file.c_str());
+    } else if (!how.user.empty()) {
+        curl_easy_setopt(curl_, CURLOPT_USERNAME, how.user.c_str());
+        curl_easy_setopt(curl_, CURLOPT_PASSWORD, how.password.c_str());
     }
 }
 
@@ -69,6 +80,29 @@ http_answer http_session::head(const std::string& path) {
     curl_easy_setopt(curl_, CURLOPT_TIMEOUT, request_timeout_s);
     perform(answer);
     return answer;
+}
+
+curl_socket_t http_session::open_socket(void* self, curlsocktype, curl_sockaddr* address) {
+    auto* session = static_cast<http_session*>(self);
+    const curl_socket_t fd =
+        ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+    if (fd == CURL_SOCKET_BAD) return fd;
+    std::lock_guard<std::mutex> lock(session->sockets_mutex_);
+    session->sockets_.insert(fd);
+    return fd;
+}
+
+int http_session::close_socket(void* self, curl_socket_t fd) {
+    auto* session = static_cast<http_session*>(self);
+    std::lock_guard<std::mutex> lock(session->sockets_mutex_);
+    session->sockets_.erase(fd);
+    return ::close(fd);
+}
+
+void http_session::abort_transfer() {
+    std::lock_guard<std::mutex> lock(sockets_mutex_);
+    for (const curl_socket_t fd : sockets_)
+        ::shutdown(fd, SHUT_RDWR);
 }
 
 void http_session::perform(http_answer& answer) {

@@ -2,13 +2,20 @@
 
 #include <curl/curl.h>
 
+#include <mutex>
+#include <set>
 #include <string>
 
 #include "exit_status.h"
 
-struct credentials {
-    std::string user;  // empty: no sign-in
+// How the client reaches and signs in to every device.
+struct connection_settings {
+    std::string user;  // empty: no sign-in, or the netrc file's
     std::string password;
+    std::string netrc_file;  // each device's user and password
+    long connect_timeout_ms = 5000;
+    std::string proxy;    // empty: curl's proxy variables
+    std::string noproxy;  // hosts reached without a proxy
 };
 
 // What a request brought back: a transport failure, or an HTTP status with
@@ -31,7 +38,7 @@ struct http_answer {
 // requests. For one thread at a time.
 class http_session {
   public:
-    http_session(const std::string& device_url, const credentials& who);
+    http_session(const std::string& device_url, const connection_settings& how);
     ~http_session();
     http_session(const http_session&) = delete;
     http_session& operator=(const http_session&) = delete;
@@ -44,12 +51,21 @@ class http_session {
     // its answer into `answer`.
     CURL* handle() { return curl_; }
     void perform(http_answer& answer);
+    // Ends the transfer under way, from any thread: its connections are shut
+    // down, and libcurl returns at once rather than at its next progress call
+    // (up to a second later while it waits for an answer).
+    void abort_transfer();
 
   private:
+    static curl_socket_t open_socket(void* self, curlsocktype, curl_sockaddr* address);
+    static int close_socket(void* self, curl_socket_t socket);
+
     CURL* curl_;
     curl_slist* headers_ = nullptr;
     std::string base_;
     char error_[CURL_ERROR_SIZE] = {};
+    std::mutex sockets_mutex_;
+    std::set<curl_socket_t> sockets_;  // open, so that abort_transfer never meets a reused one
 };
 
 // The program's and the saved log's paths on the device.

@@ -10,8 +10,9 @@
 
 #include "http_session.h"
 
-// A regular file that this process can open for reading.
-bool readable_package(const std::string& path);
+// Why the package cannot be sent ("" when it can): it must be a regular
+// file that this process can read, and not empty.
+std::string package_problem(const std::string& path);
 
 // The package posted as a browser's form posts it (one part, "package", with
 // the file's name), on a thread of its own so that the caller can follow the
@@ -35,8 +36,8 @@ class package_upload {
 
     // Waits at most `limit` for the POST to end; true once it has.
     bool wait(std::chrono::milliseconds limit);
-    // Ends the transfer at libcurl's next progress call.
-    void cancel() { cancelled_ = true; }
+    // Ends the transfer now.
+    void cancel();
 
     // After the end: the answer, and whether the body stopped moving.
     const http_answer& answer() const { return answer_; }
@@ -46,6 +47,7 @@ class package_upload {
     static int on_progress(void* self, curl_off_t, curl_off_t, curl_off_t total, curl_off_t now);
     void run(http_session& session);
 
+    http_session& session_;
     curl_mime* form_;
     std::chrono::steady_clock::time_point start_;
     std::chrono::steady_clock::time_point last_move_;

@@ -18,13 +18,13 @@ void pause_until(package_upload& post, std::chrono::steady_clock::time_point unt
 }
 }  // namespace
 
-outcome await_restart(const std::string& url, const credentials& who, package_upload& post,
+outcome await_restart(const std::string& url, const connection_settings& how, package_upload& post,
                       std::chrono::steady_clock::time_point deadline, long long saved_before,
                       update_report& report) {
     report.step("waiting for the device to restart");
     // A device that went down keeps no connection or sign-in state worth
     // reusing: a fresh session after every failed request.
-    auto session = std::make_unique<http_session>(url, who);
+    auto session = std::make_unique<http_session>(url, how);
     bool down = false;
     while (true) {
         if (std::chrono::steady_clock::now() >= deadline) {
@@ -39,13 +39,17 @@ outcome await_restart(const std::string& url, const credentials& who, package_up
         }
         const bool lost = post.wait(std::chrono::milliseconds(0)) && !post.answer().reached();
         const bool answers = session->head(device_path::page).ok();
-        if (!answers) session = std::make_unique<http_session>(url, who);
+        if (!answers) session = std::make_unique<http_session>(url, how);
         if (answers && down) break;
         if ((lost || !answers) && !down) {
+            report.phase("down");
             report.step("the device is restarting");
             down = true;
         }
     }
+    report.phase("back");
     report.step("the device is back; reading its saved log");
-    return saved_log_verdict(*session, saved_before);
+    outcome verdict = saved_log_verdict(*session, saved_before);
+    if (verdict.status == EXIT_NO_RESULT) verdict.message += " (its log had said success)";
+    return verdict;
 }

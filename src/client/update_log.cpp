@@ -44,7 +44,7 @@ log_entry parse_entry(const std::string& raw) {
             (colon == std::string::npos || all_digits(percent))) {
             body = raw.substr(close + 2);
             if (colon != std::string::npos && percent.size() < 5) {
-                entry.percent = (negative ? -1 : 1) * std::stoi(percent);
+                entry.percent = negative ? -1 : std::stoi(percent);  // none below 0
             }
         }
     }
@@ -69,12 +69,4 @@ std::vector<log_entry> parse_update_log(const std::string& html) {
         start = end + sizeof separator - 1;
     }
     return entries;
-}
-
-size_t earlier_entries(const std::vector<log_entry>& entries) {
-    size_t count = 0;
-    for (size_t i = 0; i < entries.size(); ++i) {
-        if (entries[i].success || entries[i].error) count = i + 1;
-    }
-    return count;
 }

@@ -102,8 +102,8 @@ after() { sleep "$(awk -v a="$1" -v b="$2" -v u="$3" 'BEGIN { print a + b * u }'
 # of a second client then could meet the driver's and end in error 10, whose
 # ending saves its log over the last update's.
 moment() {  # phase u driver-output
-    [ "$1" = body ] && { wait_for 60 grep -q '^sending' "$3" && after 0.5 3 "$2"; return; }
-    wait_for 120 grep -q 'upload complete' "$3" || return 1
+    [ "$1" = body ] && { wait_for 60 grep -qs '^sending' "$3" && after 0.5 3 "$2"; return; }
+    wait_for 120 grep -qs 'upload complete' "$3" || return 1
     case $1 in
         complete) after 0 1 "$2" ;;
         install) until_log 'stopping the application' 120 && after 0 4 "$2" ;;
@@ -144,10 +144,10 @@ cut_at() {  # index phase u driver
     # success that is not there, and calls unknown what it cannot know.
     [ "$(verdict_kind "$shown")" = "$saved" ] || page_ok=no
     local outcome
-    outcome=$(sed -n 's/^outcome //p' "$out")
+    outcome=$(sed -n 's/^outcome outcome //p' "$out")
     case $outcome in
-        *success*) [ "$fw/$state" = new/this-success ] || page_ok=no ;;
-        *error*) [[ $outcome == *unknown* ]] || page_ok=no ;;
+        success*) [ "$fw/$state" = new/this-success ] || page_ok=no ;;
+        error*) [[ $outcome == *unknown* ]] || page_ok=no ;;
     esac
     case $client_rc in
         -) ;;

@@ -62,7 +62,7 @@ check "the browser test passes on the device (build/device-test/work/browser.tap
 check_true "the browser's update rebooted the device" rebooted
 check "firmware 1.5 is installed" 1.5 "$(firmware)"
 
-CLIENT_BIN=${CLIENT_BIN:-$src/build/native/src/client/update-device} REL_WORK=$work/campaign \
+CLIENT_BIN=${CLIENT_BIN:-$src/build/native/src/client/update-device} \
     "$src/tests/reliability/device.sh" --run "$run" --cuts 2 --phases install,pause --outages 30 --no-next \
     >"$work/campaign.log" 2>&1
 check "power cuts and a lost link: the device whole and truthful (build/device-test/work/campaign.log)" 0 $?

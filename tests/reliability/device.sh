@@ -24,7 +24,8 @@
 # there (scripts/device start) instead of one of its own; --no-next: no
 # next updates, the caller's own stands for them.
 # Rows to REL_WORK/results.tsv (area "device"), reasons to failures.txt;
-# exits 1 if a row failed. Needs CLIENT_BIN (update-device). As root.
+# exits 1 if a row failed (REL_WORK: by default campaign/ in the run's
+# folder). Needs CLIENT_BIN (update-device). As root.
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 src=$(cd "$here/../.." && pwd)
@@ -42,7 +43,8 @@ while [ $# -gt 0 ]; do
         *) sed -n '3p' "$0" >&2 && exit 2 ;;
     esac
 done
-REL_WORK=${REL_WORK:-${run:-$src/build}/campaign} work=${REL_WORK:-}/device
+[ -n "${REL_WORK:-}" ] || { REL_WORK=${run:-$src/build}/campaign && rm -rf "$REL_WORK"; }
+work=$REL_WORK/device
 rm -rf "$work" && mkdir -p "$work" && touch "$REL_WORK/results.tsv" "$REL_WORK/failures.txt"
 device() { "$src/scripts/device" "$1" --run "$run" "${@:2}" 2>>"$work/device.log"; }
 if [ -z "$run" ]; then
@@ -106,7 +108,7 @@ moment() {  # phase u driver-output
     wait_for 120 grep -qs 'upload complete' "$3" || return 1
     case $1 in
         complete) after 0 1 "$2" ;;
-        install) until_log 'stopping the application' 120 && after 0 4 "$2" ;;
+        install) until_log 'stopping the application' 120 && after 0 2.5 "$2" ;;
         pause) until_log 'firmware successfully loaded' 120 && after 0 9.5 "$2" ;;
         save) until_log 'firmware successfully loaded' 120 && after 9.5 1.5 "$2" ;;
         reboot) until_log 'firmware successfully loaded' 120 && after 11.5 30 "$2" ;;

@@ -193,7 +193,7 @@ for s in "${seconds[@]}"; do
     start=$SECONDS old=$(firmware) && package "8.$s" $((16 << 20))
     client "$PKG" "$work/outage-$s.out" --limit-rate 1M --timeout 600 &
     job=$!
-    wait_for 60 grep -q 'receiving package file' "$work/outage-$s.out" && sleep 2 && device link down && sleep "$s" && device link up
+    wait_for 60 grep -qs 'receiving package file' "$work/outage-$s.out" && sleep 2 && device link down && sleep "$s" && device link up
     wait "$job"
     rc=$? lock=$(lock_state) fw=$(firmware) after=no
     next_update "9.$s"

@@ -1,13 +1,16 @@
 #!/usr/bin/env bash
 # The upload throughput of update-device against curl -F: the same 256 MiB
-# package to the same lighttpd in a device root, both signed in, in
-# alternating pairs.
+# package to the same lighttpd in a device root, both signed in over HTTPS,
+# in alternating rounds; and update-device over HTTPS against itself over
+# plain HTTP to the same lighttpd (its plain port serving, as the device's
+# never does), the cost of TLS.
 # Updates are disabled on the device, so each POST ends soon after its body.
 # Both sides are timed alike, from outside: from lighttpd's upload file
 # appearing in /var/tmp (the body starts to arrive) to its going (the body is
 # complete and the POST starts). Appends one line to RESULTS, the medians of
-# each side and of the pairs' ratios (curl's time / the client's):
-#   client_upload client_MBps=... curl_MBps=... ratio=...
+# each side and of the rounds' ratios (curl's time / the client's; plain
+# HTTP's time / HTTPS's):
+#   client_upload client_MBps=... curl_MBps=... ratio=... plain_MBps=... tls_ratio=...
 # Usage: scripts/lib/bench-client.sh TREE RESULTS PAIRS
 set -euo pipefail
 tree=$1 results=$2 pairs=$3
@@ -17,7 +20,7 @@ export E2E_WORK=$tree/e2e UPDATER_BIN=$tree/stripped/updater CGI_HEADER_BIN=$tre
 . "$root/tests/e2e/lib.sh"
 mkdir -p "$E2E_WORK"
 device_init client_upload
-device_start
+device_start --plain-http
 trap device_stop EXIT
 echo false >"$ROOT/fake/uci-value"
 bytes=$((256 << 20))
@@ -49,16 +52,23 @@ body_seconds() {  # command...
     echo "$start $end" | awk '{ printf "%.4f\n", $2 - $1 }'
 }
 
-client=() curl_side=() ratios=()
+client=() curl_side=() ratios=() plain=() tls_ratios=()
+upload() {  # base-url
+    UPDATE_DEVICE_PASSWORD=${AUTH#*:} body_seconds "$tree/src/client/update-device" \
+        --user "${AUTH%%:*}" --cacert "$CACERT" "$1" "$pkg"
+}
 for _ in $(seq "$pairs"); do
-    c=$(UPDATE_DEVICE_PASSWORD=${AUTH#*:} body_seconds "$tree/src/client/update-device" \
-        --user "${AUTH%%:*}" "$BASE" "$pkg")
-    r=$(body_seconds curl -sS -o /dev/null --digest -u "$AUTH" -H 'X-Updater-Page: 1' \
-        -F "package=@$pkg" "$CGI")
+    c=$(upload "$BASE")
+    r=$(body_seconds curl -sS --http1.1 --cacert "$CACERT" -o /dev/null --digest -u "$AUTH" \
+        -H 'X-Updater-Page: 1' -F "package=@$pkg" "$CGI")
+    p=$(upload "$PLAIN")
     client+=("$c") curl_side+=("$r") ratios+=("$(awk -v c="$c" -v r="$r" 'BEGIN { print r / c }')")
+    plain+=("$p") tls_ratios+=("$(awk -v c="$c" -v p="$p" 'BEGIN { print p / c }')")
 done
 rm -f "$pkg"
 median() { printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
 echo "client_upload client_MBps=$(awk -v s="$(median "${client[@]}")" -v b="$bytes" 'BEGIN { printf "%.0f", b / s / 1e6 }')" \
     "curl_MBps=$(awk -v s="$(median "${curl_side[@]}")" -v b="$bytes" 'BEGIN { printf "%.0f", b / s / 1e6 }')" \
-    "ratio=$(median "${ratios[@]}")" >>"$results"
+    "ratio=$(median "${ratios[@]}")" \
+    "plain_MBps=$(awk -v s="$(median "${plain[@]}")" -v b="$bytes" 'BEGIN { printf "%.0f", b / s / 1e6 }')" \
+    "tls_ratio=$(median "${tls_ratios[@]}")" >>"$results"

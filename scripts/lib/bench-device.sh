@@ -34,7 +34,7 @@ scripts/device start --run "$run" --overlay "$overlay"
 slow=
 trap '[ -z "$slow" ] || kill "$slow"; scripts/device stop --run "$run"' EXIT
 trap 'exit 1' INT TERM
-base=http://127.0.0.1:$(cat "$run/port")
+base=https://127.0.0.1:$(cat "$run/port") CACERT=$run/cert.pem
 cgi=$base/cgi-bin/updater
 # Signed in, with the page's header: page() of the end-to-end helpers.
 AUTH=$(cat "$run/credentials")
@@ -51,7 +51,7 @@ answer() { page -i "$cgi?$1" | tr -d '\r' | awk '/^HTTP\// { out = "" } !/^Date:
 # progress request that sees it takes the lock.
 head -c $((64 * 1048576)) /dev/zero >"$work/slow.bin"
 # curl itself is the job, so that $! is its pid.
-curl -sS -o /dev/null --digest -u "$AUTH" -H 'X-Updater-Page: 1' --limit-rate 100K \
+curl -sS --http1.1 --cacert "$CACERT" -o /dev/null --digest -u "$AUTH" -H 'X-Updater-Page: 1' --limit-rate 100K \
     -F "package=@$work/slow.bin" "$cgi" &
 slow=$!
 for _ in $(seq 60); do
@@ -107,13 +107,13 @@ until [ "$(boots)" -ge 2 ]; do
     sleep 0.2
 done
 rebooted=$(now)
-until [ "$(curl -s -o /dev/null -m 5 -w '%{http_code}' "$base/version.txt")" = 200 ]; do
+until [ "$(curl -s --cacert "$CACERT" -o /dev/null -m 5 -w '%{http_code}' "$base/version.txt")" = 200 ]; do
     [ $(($(now) - start)) -lt 900000000000 ] || { echo "bench: not back" >&2; exit 1; }
     sleep 0.5
 done
 back=$(now)
 page "$base/update/last/updater-cgi.log" >"$work/update.log"
-[ "$(curl -sS "$base/version.txt")" = 9.9 ] || { echo "bench: the update did not install" >&2; exit 1; }
+[ "$(curl -sS --cacert "$CACERT" "$base/version.txt")" = 9.9 ] || { echo "bench: the update did not install" >&2; exit 1; }
 
 # ---- table ------------------------------------------------------------------------
 row() { printf '| %s | %s | %s | %s |\n' "$@"; }

@@ -130,6 +130,12 @@ END {
             fmt("%.0f MB/s", get("client_upload", "client_MBps")),
             fmt("curl -F %.0f MB/s", get("client_upload", "curl_MBps")), fmt("%.2f", r),
             ">= 0.95", verdict(r >= 0.95));
+    r = get("client_upload", "tls_ratio");
+    if (r != "")
+        row("the same upload over HTTPS against plain HTTP (update-device, same lighttpd)",
+            fmt("%.0f MB/s", get("client_upload", "client_MBps")),
+            fmt("plain HTTP %.0f MB/s", get("client_upload", "plain_MBps")), fmt("%.2f", r),
+            ">= 0.8", verdict(r >= 0.8));
 
     nd = get("sizes", "native_dynamic"); ns = get("sizes", "native_static");
     ad = get("sizes", "arm_dynamic"); as = get("sizes", "arm_static");

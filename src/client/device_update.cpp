@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "interrupt.h"
+#include "known_devices.h"
 #include "log_follower.h"
 #include "package_upload.h"
 #include "progress_text.h"
@@ -42,8 +43,8 @@ class device_update {
         : url_(url),
           settings_(settings),
           report_(report),
-          control_(url, settings.who),
-          polls_(url, settings.who),
+          control_(url, settings.who, settings.trust),
+          polls_(url, settings.who, settings.trust),
           log_(polls_, report) {}
 
     outcome run() {
@@ -130,7 +131,7 @@ class device_update {
     outcome succeeded(package_upload& post) {
         if (!settings_.wait_for_restart) return {};
         const auto deadline = clock_type::now() + std::chrono::seconds(settings_.timeout_seconds);
-        return await_restart(url_, settings_.who, post, deadline, saved_before_, report_);
+        return await_restart(url_, settings_, post, deadline, saved_before_, report_);
     }
 
     outcome lost_upload(package_upload& post) {
@@ -169,5 +170,10 @@ class device_update {
 
 outcome update_device(const std::string& url, const update_settings& settings,
                       update_report& report) {
-    return device_update(url, settings, report).run();
+    if (settings.trust.known_devices.empty()) return device_update(url, settings, report).run();
+    update_settings pinned = settings;
+    const outcome known =
+        known_device_pin(url, settings.trust.known_devices, pinned.trust.pin, report);
+    if (!known.ok()) return known;
+    return device_update(url, pinned, report).run();
 }

@@ -9,6 +9,7 @@
 
 struct update_settings {
     credentials who;
+    tls_trust trust;
     std::string package;
     // The longest wait for the device to restart, and for a device's log
     // to move once the package is sent.

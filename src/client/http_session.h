@@ -11,6 +11,16 @@ struct credentials {
     std::string password;
 };
 
+// How a device's certificate is trusted over HTTPS: by the system's
+// certificate authorities and the URL's name, by the certificates of
+// `ca_file` and the name (--cacert), or by the digest of the device's public
+// key alone, whatever its certificate says (--pin, or the known-devices file).
+struct tls_trust {
+    std::string ca_file;
+    std::string pin;  // "sha256//BASE64" of the key's SubjectPublicKeyInfo
+    std::string known_devices;  // trust on first use: the file of recorded keys
+};
+
 // What a request brought back: a transport failure, or an HTTP status with
 // its body and Last-Modified time.
 struct http_answer {
@@ -31,7 +41,7 @@ struct http_answer {
 // requests. For one thread at a time.
 class http_session {
   public:
-    http_session(const std::string& device_url, const credentials& who);
+    http_session(const std::string& device_url, const credentials& who, const tls_trust& trust);
     ~http_session();
     http_session(const http_session&) = delete;
     http_session& operator=(const http_session&) = delete;

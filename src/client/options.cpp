@@ -119,6 +119,16 @@ class parser {
                 error = "--limit-rate takes bytes per second, with K or M for KiB or MiB";
                 return false;
             }
+        } else if (name == "--cacert") {
+            out_.update.trust.ca_file = value;
+        } else if (name == "--pin") {
+            if (value.compare(0, 8, "sha256//") != 0) {
+                error = "--pin takes sha256//BASE64, the digest of the device's public key";
+                return false;
+            }
+            out_.update.trust.pin = value;
+        } else if (name == "--known-devices") {
+            out_.update.trust.known_devices = value;
         } else if (name == "--parallel") {
             if (!to_number(value, 1, most_parallel, out_.parallel)) {
                 error = "--parallel takes a number, 1 to " + std::to_string(most_parallel);
@@ -188,7 +198,8 @@ bool parse_options(int argc, char** argv, options& out, std::string& error) {
 }
 
 std::string device_base_url(const std::string& text) {
-    std::string url = text.find("://") == std::string::npos ? "http://" + text : text;
+    // Devices serve HTTPS; their plain port only redirects.
+    std::string url = text.find("://") == std::string::npos ? "https://" + text : text;
     while (!url.empty() && url.back() == '/')
         url.pop_back();
     const std::string page = "/update";
@@ -199,8 +210,8 @@ std::string device_base_url(const std::string& text) {
 }
 
 std::string device_label(const std::string& url) {
-    const std::string scheme = "http://";
-    return url.compare(0, scheme.size(), scheme) == 0 ? url.substr(scheme.size()) : url;
+    const size_t scheme = url.find("://");
+    return scheme == std::string::npos ? url : url.substr(scheme + 3);
 }
 
 std::string usage_text() {
@@ -221,6 +232,11 @@ std::string usage_text() {
            "  --no-wait              end at the success entry, before the restart\n"
            "  --limit-rate RATE      upload at most RATE bytes per second (K, M: KiB, MiB)\n"
            "  --devices FILE         device URLs, one a line ('#' starts a comment)\n"
+           "  --cacert FILE          trust https:// devices whose certificate this file\n"
+           "                         holds (or signs) for the URL's name\n"
+           "  --pin sha256//BASE64   trust an https:// device by its public key's digest\n"
+           "  --known-devices FILE   trust on first use: record each device's key at the\n"
+           "                         first contact, refuse a different one later\n"
            "  --parallel N           update up to N devices at once (default 1)\n"
            "  --help, --version\n"
            "\n"

@@ -18,13 +18,13 @@ void pause_until(package_upload& post, std::chrono::steady_clock::time_point unt
 }
 }  // namespace
 
-outcome await_restart(const std::string& url, const credentials& who, package_upload& post,
+outcome await_restart(const std::string& url, const update_settings& settings, package_upload& post,
                       std::chrono::steady_clock::time_point deadline, long long saved_before,
                       update_report& report) {
     report.step("waiting for the device to restart");
     // A device that went down keeps no connection or sign-in state worth
     // reusing: a fresh session after every failed request.
-    auto session = std::make_unique<http_session>(url, who);
+    auto session = std::make_unique<http_session>(url, settings.who, settings.trust);
     bool down = false;
     while (true) {
         if (std::chrono::steady_clock::now() >= deadline) {
@@ -38,8 +38,11 @@ outcome await_restart(const std::string& url, const credentials& who, package_up
                     "has succeeded"};
         }
         const bool lost = post.wait(std::chrono::milliseconds(0)) && !post.answer().reached();
-        const bool answers = session->head(device_path::page).ok();
-        if (!answers) session = std::make_unique<http_session>(url, who);
+        const http_answer page = session->head(device_path::page);
+        // The device comes back with the key it had: its own, made once.
+        if (page.transport == CURLE_SSL_PINNEDPUBKEYNOTMATCH) return page.failure();
+        const bool answers = page.ok();
+        if (!answers) session = std::make_unique<http_session>(url, settings.who, settings.trust);
         if (answers && down) break;
         if ((lost || !answers) && !down) {
             report.step("the device is restarting");

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # One case of the table below: update-device, signed in, against a real
 # lighttpd in a device root: its exit status, a line of its output, and the
-# device left as it should be (never locked by the client).
+# device left as it should be (never locked by the client). Over HTTPS,
+# trusting the device's certificate (--cacert) unless a case says otherwise.
 set -uo pipefail
 . "$(dirname "$0")/../e2e/lib.sh"
 name=$1
@@ -9,12 +10,14 @@ name=$1
 #  case          | before         | during      | client options         | status | output has (texts split by ';')
 table="
 success          | slow_preupdate | play_reboot | --timeout 30 --limit-rate 4M | 0 | of 8.0 MiB; the device is back
-installer_fails  | installer_fails | -          |                        | 25 | (error 5): installation failed
-disabled         | disabled       | -           |                        | 29 | (error 9): update feature is disabled
+installer_fails  | installer_fails first_contact | - |                 | 25 | (error 5): installation failed; first contact: recorded
+disabled         | disabled pinned | -          |                        | 29 | (error 9): update feature is disabled
+untrusted        | untrusted      | -           |                        | 13 | certificate is not trusted
+key_changed      | other_key      | -           |                        | 14 | the device's key has changed: 
 busy             | busy           | -           |                        | 7  | device busy
 wrong_password   | wrong_password | -           |                        | 5  | wrong user or password
 cut_upload       | -              | cut_upload  | --limit-rate 4M        | 8  | connection lost during the upload
-two_devices      | second_device  | -           | --no-wait --parallel 2 | 1  | device error
+two_devices      | second_device first_contact | -           | --no-wait --parallel 2 | 1  | device error
 unreachable      | no_server      | -           |                        | 4  | device unreachable
 no_package       | no_package     | -           |                        | 3  | cannot read the package"
 IFS='|' read -r _ before during options status expected < <(grep "^$name " <<<"$table")
@@ -29,7 +32,7 @@ device_init "client_$name"
 package $((8 << 20))
 pkg=$ROOT/pkg
 if [ "$before" != no_server ]; then device_start || exit 1; fi
-auth=${AUTH:-} && urls=("${BASE:-}") user=${auth%%:*} password=${auth#*:}
+auth=${AUTH:-} && urls=("${BASE:-}") user=${auth%%:*} password=${auth#*:} trust=(--cacert "${CACERT:-}")
 trap 'device_stop; stop_second' EXIT
 stop_second() { :; }
 
@@ -42,6 +45,10 @@ wrong_password() { password=wrong; }
 no_server() { urls=("http://127.0.0.1:1"); }
 no_package() { pkg=$ROOT/missing.bin; }
 slow_preupdate() { echo 1 >"$ROOT/fake/preupdate-delay"; }
+untrusted() { trust=(); }
+pinned() { trust=(--pin "$PIN"); }
+first_contact() { trust=(--known-devices "$ROOT/known"); }
+other_key() { echo "${BASE#https://} sha256//$(head -c 32 /dev/urandom | base64)" >"$ROOT/known" && first_contact; }
 # The lock must hold to the end: a lock-state request of the client while the
 # POST starts (the preupdate.sh second) would have freed it. The fake reboot
 # only records: the device goes down as it asks.
@@ -64,9 +71,9 @@ second_device() {  # a second device with the same user, from a devices file, wh
     stop_second() { ROOT=$second device_stop; }
 }
 
-$before
+for step in $before; do $step; done
 # shellcheck disable=SC2086 # options are words
-UPDATE_DEVICE_PASSWORD=$password "$CLIENT_BIN" ${user:+--user "$user"} $options "${urls[@]}" "$pkg" \
+UPDATE_DEVICE_PASSWORD=$password "$CLIENT_BIN" ${user:+--user "$user"} "${trust[@]}" $options "${urls[@]}" "$pkg" \
     >"$ROOT/client.out" 2>&1 &
 client=$!
 $during
@@ -82,7 +89,9 @@ case $name in
     success)
         check "$name: the installer got the package" "$installed" "$(grep '^updater' "$ROOT/fake/record")"
         check "$name: each entry shown once" "" "$(grep '^\[' "$ROOT/client.out" | sort | uniq -d)" ;;
-    busy | wrong_password)
+    installer_fails)
+        check "$name: the first contact recorded the device's key" "${BASE#https://} $PIN" "$(cat "$ROOT/known")" ;;
+    busy | wrong_password | untrusted | key_changed)
         check "$name: nothing was posted" "" "$(grep '^uci' "$ROOT/fake/record")" ;;&
     busy)
         check "$name: the other upload keeps its lock" STATUS_BUSY "$(lock_state)" ;;
@@ -90,7 +99,7 @@ case $name in
         check "$name: nothing was installed" "" "$(grep '^updater' "$ROOT/fake/record")"
         check_true "$name: the device was locked when the connection went" test -e "$ROOT/lock-before-cut" ;;
     two_devices)
-        check_true "$name: a table row for each" grep -qE "^${BASE#http://} +success" "$ROOT/client.out"
+        check_true "$name: a table row for each" grep -qE "^${BASE#https://} +success" "$ROOT/client.out"
         check "$name: the second device failed" 1 "$(grep -cE '^127.* +device error +.*error 5' "$ROOT/client.out")" ;;
 esac
 if [ "$before" != busy ] && [ "$before" != no_server ]; then

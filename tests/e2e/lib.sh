@@ -2,7 +2,9 @@
 # scripts/bench: a device root served by device-lighttpd, and requests made
 # as the update page makes them (signed in, with the page's own header).
 # Needs UPDATER_BIN, CGI_HEADER_BIN and E2E_WORK. After device_start: ROOT,
-# BASE (the server's URL), CGI (the program's), PORT, AUTH ("user:password").
+# BASE (the server's URL, https://...), CGI (the program's), PORT, PLAIN
+# (the plain port's URL), CACERT (the device's certificate), PIN (its key's
+# digest as update-device --pin takes it), AUTH ("user:password").
 E2E_DIR=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 
 passed=0 failed=0
@@ -19,16 +21,17 @@ device_start() {  # [device-lighttpd options...]
     DEVICE_ARGS=("$@")
     "$E2E_DIR/device-lighttpd" --root "$ROOT" --updater "$UPDATER_BIN" --adaptor "$CGI_HEADER_BIN" "$@" >/dev/null || return 1
     BASE=$(cat "$ROOT/server/url") AUTH=$(cat "$ROOT/credentials") && CGI=$BASE/cgi-bin/updater PORT=${BASE##*:}
+    PLAIN=$(cat "$ROOT/server/plain-url") CACERT=$ROOT/server/cert.pem PIN=$(cat "$ROOT/server/pin")
 }
 device_stop() { "$E2E_DIR/device-lighttpd" --root "$ROOT" --stop; }
 # What a reboot does: the server goes away, the volatile /var/log, /tmp and
 # /var/tmp are emptied, /tolven/local stays.
 device_reboot() {  # seconds down
     device_stop && rm -rf "${ROOT:?}"/var-log/* "$ROOT"/tmp/* "$ROOT"/var-tmp/*
-    sleep "${1:-2}" && device_start "${DEVICE_ARGS[@]}" --port "$PORT"
+    sleep "${1:-2}" && device_start "${DEVICE_ARGS[@]}" --port "$PORT" --plain-port "${PLAIN##*:}"
 }
 
-page() { curl -sS --max-time 20 --digest -u "$AUTH" -H 'X-Updater-Page: 1' "$@"; }
+page() { curl -sS --http1.1 --max-time 20 --cacert "$CACERT" --digest -u "$AUTH" -H 'X-Updater-Page: 1' "$@"; }
 progress() { page "$CGI?request=1"; }
 lock_state() { page "$CGI?status=1"; }
 # A random package in ROOT/pkg, and what the installer fake records of it.
@@ -39,7 +42,7 @@ package() {  # bytes
 # Posts ROOT/pkg as the page does and prints the status. In the background
 # only: the job becomes curl itself, so that $! is curl's pid.
 post() {  # curl options...
-    exec curl -sS --max-time 180 --digest -u "$AUTH" -H 'X-Updater-Page: 1' -o "$ROOT/post.body" \
+    exec curl -sS --http1.1 --max-time 180 --cacert "$CACERT" --digest -u "$AUTH" -H 'X-Updater-Page: 1' -o "$ROOT/post.body" \
         -w '%{http_code}' "$@" -F "package=@$ROOT/pkg;filename=fw.pkg" "$CGI"
 }
 
@@ -54,7 +57,7 @@ wait_for() {  # seconds command...
 # One line each on standard output: "expected-status status".
 hostile_requests() {
     local a="--digest -u $AUTH" h=-HX-Updater-Page:1 x=-HSec-Fetch-Site:cross-site f=-Fpackage=@$ROOT/pkg
-    ask() { echo "$1 $(curl -s --max-time 20 -o /dev/null -w '%{http_code}' "${@:2}")"; }
+    ask() { echo "$1 $(curl -s --http1.1 --max-time 20 --cacert "$CACERT" -o /dev/null -w '%{http_code}' "${@:2}")"; }
     ask 401 "$BASE/update/"; ask 401 $h "$CGI?request=1"; ask 401 $h "$CGI?status=1"; ask 401 $h "$CGI?reboot=1"
     ask 401 $h $f "$CGI"; ask 401 --digest -u "${AUTH%%:*}:wrong" $h "$CGI?reboot=1"
     ask 403 $a "$CGI?reboot=1"; ask 403 $a -HX-Updater-Page:0 "$CGI?request=1"; ask 403 $a $f "$CGI"

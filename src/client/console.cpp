@@ -3,9 +3,9 @@
 #include "live_console.h"
 #include "plain_console.h"
 
-std::unique_ptr<console> make_console(const std::vector<std::string>& labels, bool terminal) {
-    if (terminal) return std::make_unique<live_console>(labels);
-    return std::make_unique<plain_console>(labels);
+std::unique_ptr<console> make_console(const std::vector<std::string>& urls, bool terminal) {
+    if (terminal) return std::make_unique<live_console>(urls);
+    return std::make_unique<plain_console>(urls);
 }
 
 void console::print(const std::string& text) {
@@ -14,11 +14,11 @@ void console::print(const std::string& text) {
     std::fflush(stdout);
 }
 
-void print_failure(const std::string& label, const std::string& message) {
+void print_failure(const std::string& url, const std::string& message) {
     std::fflush(stdout);
-    if (label.empty()) {
+    if (url.empty()) {
         std::fprintf(stderr, "update-device: %s\n", message.c_str());
     } else {
-        std::fprintf(stderr, "update-device: %s: %s\n", label.c_str(), message.c_str());
+        std::fprintf(stderr, "update-device: %s: %s\n", url.c_str(), message.c_str());
     }
 }

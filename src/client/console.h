@@ -14,8 +14,9 @@ class console {
   public:
     virtual ~console() = default;
     update_report& device(size_t index) { return *reports_[index]; }
+    size_t size() const { return reports_.size(); }
     // Text after the updates (the summary table), below everything else.
-    void print(const std::string& text);
+    virtual void print(const std::string& text);
 
   protected:
     std::mutex mutex_;
@@ -23,7 +24,8 @@ class console {
 };
 
 // Live lines on a terminal (a progress bar; one line per device when there
-// are several), plain lines otherwise. `labels` name the devices.
-std::unique_ptr<console> make_console(const std::vector<std::string>& labels, bool terminal);
-// The message of a failed update on standard error: "update-device: ...".
-void print_failure(const std::string& label, const std::string& message);
+// are several), plain lines otherwise, for the devices of `urls`.
+std::unique_ptr<console> make_console(const std::vector<std::string>& urls, bool terminal);
+// The message of a failed update on standard error:
+// "update-device: URL: ...", or without a URL for what no device caused.
+void print_failure(const std::string& url, const std::string& message);

@@ -4,7 +4,8 @@
 #include <chrono>
 #include <thread>
 
-#include "options.h"
+#include "device_url.h"
+#include "interrupt.h"
 #include "progress_text.h"
 
 namespace {
@@ -41,13 +42,16 @@ std::string summary_table(const std::vector<std::string>& urls,
 }  // namespace
 
 int update_devices(const std::vector<std::string>& urls, const update_settings& settings,
-                   int parallel, console& out) {
+                   const retry_settings& retry, int parallel, console& out) {
     std::vector<device_result> results(urls.size());
     std::atomic<size_t> next{0};
     auto worker = [&] {
         for (size_t i = next++; i < urls.size(); i = next++) {
             const auto start = std::chrono::steady_clock::now();
-            results[i].result = update_device(urls[i], settings, out.device(i));
+            results[i].result =
+                interrupted() ? outcome{EXIT_INTERRUPTED,
+                                        "interrupted before this device's turn; nothing was sent"}
+                              : update_with_retries(urls[i], settings, retry, out.device(i));
             results[i].seconds =
                 std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
             out.device(i).finished(results[i].result, results[i].seconds);
@@ -62,6 +66,7 @@ int update_devices(const std::vector<std::string>& urls, const update_settings& 
 
     if (urls.size() == 1) return results[0].result.status;
     out.print(summary_table(urls, results));
+    if (interrupted()) return EXIT_INTERRUPTED;
     for (const device_result& r : results) {
         if (!r.result.ok()) return EXIT_SOME_DEVICES_FAILED;
     }

@@ -43,8 +43,8 @@ class device_update {
         : url_(url),
           settings_(settings),
           report_(report),
-          control_(url, settings.who, settings.trust),
-          polls_(url, settings.who, settings.trust),
+          control_(url, settings.connection),
+          polls_(url, settings.connection),
           log_(polls_, report) {}
 
     outcome run() {
@@ -55,6 +55,7 @@ class device_update {
         if (interrupted()) {
             return {EXIT_INTERRUPTED, "interrupted before the upload; nothing was sent"};
         }
+        report_.phase("upload");
         report_.step("sending " + file_name(settings_.package));
         package_upload post(control_, settings_.package, settings_.rate_limit);
         follow(post);
@@ -66,12 +67,14 @@ class device_update {
     outcome ask_lock_state() {
         report_.step("asking the device's lock state");
         const http_answer lock = control_.get(device_path::lock_state);
-        if (lock.reached() && lock.code == 401 && settings_.who.user.empty()) {
+        if (lock.reached() && lock.code == 401 && settings_.connection.user.empty() &&
+            settings_.connection.netrc_file.empty()) {
             return {EXIT_WRONG_PASSWORD, "the device asks for a user and password: give --user"};
         }
-        if (!lock.ok()) return lock.failure();
+        if (!lock.ok()) return lock.failure().safe_to_retry(!lock.reached());
         if (lock.body == "STATUS_BUSY") {
-            return {EXIT_BUSY, "device busy: another update is running; nothing was sent"};
+            return outcome{EXIT_BUSY, "device busy: another update is running; nothing was sent"}
+                .safe_to_retry(true);
         }
         if (lock.body != "STATUS_FREE") {
             return {EXIT_UNEXPECTED_ANSWER,
@@ -93,11 +96,18 @@ class device_update {
                 std::this_thread::sleep_for(tick);
             }
             report_.upload(post.sent(), post.total(), post.send_seconds());
+            if (post.body_sent() && !sent_marked_) {
+                report_.phase("sent");
+                sent_marked_ = true;
+            }
             if (!post.body_sent()) quiet_since = clock_type::now();
             if (clock_type::now() >= next_poll) {
                 if (log_.poll()) quiet_since = clock_type::now();
                 next_poll = clock_type::now() + poll_interval;
-                if (log_.final_entry()) return;
+                if (log_.final_entry()) {
+                    report_.phase("final_entry");
+                    return;
+                }
             }
             if (clock_type::now() - quiet_since > std::chrono::seconds(settings_.timeout_seconds)) {
                 return;
@@ -131,7 +141,7 @@ class device_update {
     outcome succeeded(package_upload& post) {
         if (!settings_.wait_for_restart) return {};
         const auto deadline = clock_type::now() + std::chrono::seconds(settings_.timeout_seconds);
-        return await_restart(url_, settings_, post, deadline, saved_before_, report_);
+        return await_restart(url_, settings_.connection, post, deadline, saved_before_, report_);
     }
 
     outcome lost_upload(package_upload& post) {
@@ -140,7 +150,8 @@ class device_update {
                                                       post.answer().transport_error + ")";
         const std::string where =
             " after " + mebibytes(post.sent()) + " of " + mebibytes(post.total());
-        return {EXIT_UPLOAD_LOST, what + where + left_free()};
+        const bool began = log_.update_began();
+        return outcome{EXIT_UPLOAD_LOST, what + where + left_free()}.safe_to_retry(!began);
     }
 
     outcome interrupted_outcome(package_upload& post) {
@@ -165,15 +176,16 @@ class device_update {
     http_session polls_;    // progress requests and the saved log
     log_follower log_;
     long long saved_before_ = -1;
+    bool sent_marked_ = false;
 };
 }  // namespace
 
 outcome update_device(const std::string& url, const update_settings& settings,
                       update_report& report) {
-    if (settings.trust.known_devices.empty()) return device_update(url, settings, report).run();
+    const std::string& known_devices = settings.connection.known_devices;
+    if (known_devices.empty()) return device_update(url, settings, report).run();
     update_settings pinned = settings;
-    const outcome known =
-        known_device_pin(url, settings.trust.known_devices, pinned.trust.pin, report);
+    const outcome known = known_device_pin(url, known_devices, pinned.connection.pin, report);
     if (!known.ok()) return known;
     return device_update(url, pinned, report).run();
 }

@@ -8,8 +8,7 @@
 #include "update_report.h"
 
 struct update_settings {
-    credentials who;
-    tls_trust trust;
+    connection_settings connection;
     std::string package;
     // The longest wait for the device to restart, and for a device's log
     // to move once the package is sent.

@@ -76,5 +76,8 @@ outcome device_error(const std::string& message) {
     const int code = device_error_number(message);
     std::string text = "the device's update failed";
     if (code != 0) text += " (error " + std::to_string(code) + ")";
-    return {EXIT_DEVICE_ERROR + code, text + ": " + message};
+    outcome result{EXIT_DEVICE_ERROR + code, text + ": " + message};
+    result.device_error = code;
+    result.device_message = message;
+    return result;
 }

@@ -27,12 +27,23 @@ enum exit_status : int {
 };
 
 // How one device's update ended: its exit status and a one-line message
-// (empty on success).
+// (empty on success), with what a record of it needs besides.
 struct outcome {
     int status = EXIT_UPDATED;
     std::string message;
+    // Nothing of this update can have begun on the device (it was not
+    // reached, was busy, or lost the body before the POST could start): the
+    // package may be sent again.
+    bool retry_safe = false;
+    int device_error = 0;          // the device's error number; 0: none or unknown
+    std::string device_message{};  // the device's error entry, without "ERROR: "
+    std::string verdict{};         // the saved log's last entry, once read
 
     bool ok() const { return status == EXIT_UPDATED; }
+    outcome& safe_to_retry(bool safe) {
+        retry_safe = safe;
+        return *this;
+    }
 };
 
 // Short name of a status for the summary table ("success", "busy", ...).

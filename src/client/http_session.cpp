@@ -4,7 +4,6 @@ namespace {
 // Every request of the page carries it; the device refuses the program's
 // URL without it.
 constexpr char page_header[] = "X-Updater-Page: 1";
-constexpr long connect_timeout_s = 5;
 // Polls and page requests are small; an upload sets no overall limit.
 constexpr long request_timeout_s = 10;
 
@@ -28,13 +27,11 @@ outcome http_answer::failure() const {
         if (unreachable(transport))
             return {EXIT_UNREACHABLE, "device unreachable: " + transport_error};
         if (untrusted(transport)) {
-            return {EXIT_UNTRUSTED, "the device's certificate is not trusted (" +
-                                        transport_error +
+            return {EXIT_UNTRUSTED, "the device's certificate is not trusted (" + transport_error +
                                         "): give --cacert, --pin or --known-devices"};
         }
         if (transport == CURLE_SSL_PINNEDPUBKEYNOTMATCH) {
-            return {EXIT_KEY_CHANGED, "the device's key is not the pinned one: " +
-                                          transport_error + "; nothing was sent"};
+            return {EXIT_KEY_CHANGED, "the device's key is not the pinned one: " + transport_error};
         }
         return {EXIT_UNEXPECTED_ANSWER, "request failed: " + transport_error};
     }
@@ -43,30 +40,34 @@ outcome http_answer::failure() const {
     return {EXIT_UNEXPECTED_ANSWER, "unexpected answer: HTTP " + std::to_string(code)};
 }
 
-http_session::http_session(const std::string& device_url, const credentials& who,
-                           const tls_trust& trust)
+http_session::http_session(const std::string& device_url, const connection_settings& how)
     : curl_(curl_easy_init()), base_(device_url) {
     headers_ = curl_slist_append(headers_, page_header);
     curl_easy_setopt(curl_, CURLOPT_HTTPHEADER, headers_);
     curl_easy_setopt(curl_, CURLOPT_ERRORBUFFER, error_);
     curl_easy_setopt(curl_, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(curl_, CURLOPT_CONNECTTIMEOUT, connect_timeout_s);
+    curl_easy_setopt(curl_, CURLOPT_CONNECTTIMEOUT_MS, how.connect_timeout_ms);
     curl_easy_setopt(curl_, CURLOPT_USERAGENT, "update-device");
     curl_easy_setopt(curl_, CURLOPT_FILETIME, 1L);
     curl_easy_setopt(curl_, CURLOPT_WRITEFUNCTION, collect);
     // HTTP/1.1 as the device's own tests: a digest-signed POST over HTTP/2
     // gets no answer from the device's lighttpd 1.4.69 with this libcurl.
     curl_easy_setopt(curl_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-    if (!trust.ca_file.empty()) curl_easy_setopt(curl_, CURLOPT_CAINFO, trust.ca_file.c_str());
-    if (!trust.pin.empty()) {
-        curl_easy_setopt(curl_, CURLOPT_PINNEDPUBLICKEY, trust.pin.c_str());
+    if (!how.ca_file.empty()) curl_easy_setopt(curl_, CURLOPT_CAINFO, how.ca_file.c_str());
+    if (!how.pin.empty()) {
+        curl_easy_setopt(curl_, CURLOPT_PINNEDPUBLICKEY, how.pin.c_str());
         curl_easy_setopt(curl_, CURLOPT_SSL_VERIFYPEER, 0L);
         curl_easy_setopt(curl_, CURLOPT_SSL_VERIFYHOST, 0L);
     }
-    if (!who.user.empty()) {
-        curl_easy_setopt(curl_, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_DIGEST));
-        curl_easy_setopt(curl_, CURLOPT_USERNAME, who.user.c_str());
-        curl_easy_setopt(curl_, CURLOPT_PASSWORD, who.password.c_str());
+    if (!how.proxy.empty()) curl_easy_setopt(curl_, CURLOPT_PROXY, how.proxy.c_str());
+    if (!how.noproxy.empty()) curl_easy_setopt(curl_, CURLOPT_NOPROXY, how.noproxy.c_str());
+    curl_easy_setopt(curl_, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_DIGEST));
+    if (!how.netrc_file.empty()) {
+        curl_easy_setopt(curl_, CURLOPT_NETRC, static_cast<long>(CURL_NETRC_REQUIRED));
+        curl_easy_setopt(curl_, CURLOPT_NETRC_FILE, how.netrc_file.c_str());
+    } else if (!how.user.empty()) {
+        curl_easy_setopt(curl_, CURLOPT_USERNAME, how.user.c_str());
+        curl_easy_setopt(curl_, CURLOPT_PASSWORD, how.password.c_str());
     }
 }
 

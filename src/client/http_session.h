@@ -6,19 +6,22 @@
 
 #include "exit_status.h"
 
-struct credentials {
-    std::string user;  // empty: no sign-in
+// How the client reaches and signs in to every device.
+struct connection_settings {
+    std::string user;  // empty: no sign-in, or the netrc file's
     std::string password;
-};
-
-// How a device's certificate is trusted over HTTPS: by the system's
-// certificate authorities and the URL's name, by the certificates of
-// `ca_file` and the name (--cacert), or by the digest of the device's public
-// key alone, whatever its certificate says (--pin, or the known-devices file).
-struct tls_trust {
+    std::string netrc_file;  // each device's user and password
+    long connect_timeout_ms = 5000;
+    std::string proxy;    // empty: curl's proxy variables
+    std::string noproxy;  // hosts reached without a proxy
+    // How a device's certificate is trusted over HTTPS: by the system's
+    // certificate authorities and the URL's name; by the certificates of
+    // `ca_file` and the name (--cacert); or by the digest of the device's
+    // public key alone, whatever its certificate says (--pin, or the
+    // known-devices file's record, trust on first use).
     std::string ca_file;
     std::string pin;  // "sha256//BASE64" of the key's SubjectPublicKeyInfo
-    std::string known_devices;  // trust on first use: the file of recorded keys
+    std::string known_devices;
 };
 
 // What a request brought back: a transport failure, or an HTTP status with
@@ -41,7 +44,7 @@ struct http_answer {
 // requests. For one thread at a time.
 class http_session {
   public:
-    http_session(const std::string& device_url, const credentials& who, const tls_trust& trust);
+    http_session(const std::string& device_url, const connection_settings& how);
     ~http_session();
     http_session(const http_session&) = delete;
     http_session& operator=(const http_session&) = delete;

@@ -50,8 +50,8 @@ outcome shown_pin(const std::string& url, std::string& pin) {
     curl_easy_setopt(curl.get(), CURLOPT_SSL_VERIFYHOST, 0L);
     const CURLcode code = curl_easy_perform(curl.get());
     if (code != CURLE_OK) {
-        return {EXIT_UNREACHABLE,
-                std::string("device unreachable: ") + (error[0] ? error : curl_easy_strerror(code))};
+        return {EXIT_UNREACHABLE, std::string("device unreachable: ") +
+                                      (error[0] ? error : curl_easy_strerror(code))};
     }
     curl_certinfo* chain = nullptr;
     curl_easy_getinfo(curl.get(), CURLINFO_CERTINFO, &chain);
@@ -79,8 +79,8 @@ std::string recorded_pin(const std::string& file, const std::string& key) {
 }  // namespace
 
 std::string public_key_pin(const std::string& pem) {
-    std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())),
-                                                  BIO_free);
+    std::unique_ptr<BIO, decltype(&BIO_free)> bio(
+        BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), BIO_free);
     std::unique_ptr<X509, decltype(&X509_free)> cert(
         PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr), X509_free);
     if (!cert) return "";

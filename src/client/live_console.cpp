@@ -3,6 +3,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "device_url.h"
 #include "progress_text.h"
 
 namespace {
@@ -18,7 +19,8 @@ size_t terminal_width() {
 
 class live_console::report : public update_report {
   public:
-    report(live_console& out, size_t index, bool alone) : out_(out), index_(index), alone_(alone) {}
+    report(live_console& out, size_t index, const std::string& url, bool alone)
+        : out_(out), index_(index), url_(url), alone_(alone) {}
 
     void step(const std::string& text) override { show(text); }
 
@@ -38,6 +40,10 @@ class live_console::report : public update_report {
 
     void entry(const log_entry& e) override { show(entry_line(e.percent, e.text)); }
 
+    void retry(const outcome& failed, int pause_s) override {
+        show(failed.message + "; trying again in " + std::to_string(pause_s) + " s");
+    }
+
     void finished(const outcome& result, double seconds) override {
         const std::string took = " (" + seconds_text(seconds) + ")";
         if (!alone_) {
@@ -46,7 +52,7 @@ class live_console::report : public update_report {
             out_.above("updated" + took);
         } else {
             std::lock_guard<std::mutex> lock(out_.mutex_);
-            print_failure("", result.message);
+            print_failure(url_, result.message);
         }
     }
 
@@ -62,18 +68,20 @@ class live_console::report : public update_report {
 
     live_console& out_;
     size_t index_;
+    std::string url_;
     bool alone_;
     bool done_ = false;
 };
 
-live_console::live_console(const std::vector<std::string>& labels) {
-    const bool alone = labels.size() == 1;
-    for (size_t i = 0; i < labels.size(); ++i) {
-        reports_.push_back(std::make_unique<report>(*this, i, alone));
-        if (!alone) label_width_ = std::max(label_width_, labels[i].size());
+live_console::live_console(const std::vector<std::string>& urls) {
+    const bool alone = urls.size() == 1;
+    for (size_t i = 0; i < urls.size(); ++i) {
+        reports_.push_back(std::make_unique<report>(*this, i, urls[i], alone));
+        if (!alone) label_width_ = std::max(label_width_, device_label(urls[i]).size());
     }
     if (!alone) {
-        for (const std::string& label : labels) {
+        for (const std::string& url : urls) {
+            const std::string label = device_label(url);
             lines_.push_back(label + std::string(label_width_ - label.size() + 2, ' '));
         }
     }

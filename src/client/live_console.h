@@ -8,7 +8,7 @@
 // the device's latest step or entry.
 class live_console : public console {
   public:
-    explicit live_console(const std::vector<std::string>& labels);
+    explicit live_console(const std::vector<std::string>& urls);
 
   private:
     class report;

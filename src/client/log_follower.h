@@ -15,8 +15,8 @@ class log_follower {
   public:
     log_follower(http_session& session, update_report& report);
 
-    // Reads the log before the upload: its entries up to a final one belong
-    // to an earlier update.
+    // Reads the log before the upload: all of it belongs to earlier updates
+    // or uploads (the device was free).
     void take_baseline();
     // One progress request; an answer that fails is skipped. True when the
     // log has changed.
@@ -24,6 +24,8 @@ class log_follower {
 
     // The success or error entry that ended this update, once seen.
     const std::optional<log_entry>& final_entry() const { return final_; }
+    // The log shows that the POST runs: this update has begun on the device.
+    bool update_began() const { return began_; }
 
   private:
     http_session& session_;
@@ -32,4 +34,5 @@ class log_follower {
     size_t base_ = 0;   // entries of an earlier update at its start
     size_t shown_ = 0;  // entries of the log shown so far, base included
     std::optional<log_entry> final_;
+    bool began_ = false;
 };

@@ -4,6 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
+
 namespace {
 // A body that has not moved for this long is lost (a cable pulled does not
 // close the connection).
@@ -16,15 +19,21 @@ int64_t milliseconds(std::chrono::steady_clock::duration d) {
 }
 }  // namespace
 
-bool readable_package(const std::string& path) {
+std::string package_problem(const std::string& path) {
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
+    if (fd < 0) return "cannot read the package " + path + ": " + std::strerror(errno);
     struct stat info {};
     char byte;
-    const bool readable =
-        ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && ::read(fd, &byte, 1) >= 0;
+    std::string problem;
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        problem = "the package " + path + " is not a regular file";
+    } else if (::read(fd, &byte, 1) < 0) {
+        problem = "cannot read the package " + path + ": " + std::strerror(errno);
+    } else if (info.st_size == 0) {
+        problem = "the package " + path + " is empty";
+    }
     ::close(fd);
-    return readable;
+    return problem;
 }
 
 package_upload::package_upload(http_session& session, const std::string& package,

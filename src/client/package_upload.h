@@ -10,8 +10,9 @@
 
 #include "http_session.h"
 
-// A regular file that this process can open for reading.
-bool readable_package(const std::string& path);
+// Why the package cannot be sent ("" when it can): it must be a regular
+// file that this process can read, and not empty.
+std::string package_problem(const std::string& path);
 
 // The package posted as a browser's form posts it (one part, "package", with
 // the file's name), on a thread of its own so that the caller can follow the

@@ -1,10 +1,12 @@
 #include "plain_console.h"
 
+#include "device_url.h"
 #include "progress_text.h"
 
 class plain_console::report : public update_report {
   public:
-    report(plain_console& out, std::string label) : out_(out), label_(std::move(label)) {}
+    report(plain_console& out, const std::string& url)
+        : out_(out), url_(url), label_(device_label(url)) {}
 
     void step(const std::string& text) override { out_.line(label_, text); }
 
@@ -21,24 +23,29 @@ class plain_console::report : public update_report {
 
     void entry(const log_entry& e) override { out_.line(label_, entry_line(e.percent, e.text)); }
 
+    void retry(const outcome& failed, int pause_s) override {
+        out_.line(label_, failed.message + "; trying again in " + std::to_string(pause_s) + " s");
+    }
+
     void finished(const outcome& result, double) override {
         if (result.ok()) {
             out_.line(label_, "updated");
         } else {
             std::lock_guard<std::mutex> lock(out_.mutex_);
-            print_failure(out_.several_ ? label_ : "", result.message);
+            print_failure(url_, result.message);
         }
     }
 
   private:
     plain_console& out_;
+    std::string url_;
     std::string label_;
     int printed_tenth_ = 0;
 };
 
-plain_console::plain_console(const std::vector<std::string>& labels) : several_(labels.size() > 1) {
-    for (const std::string& label : labels)
-        reports_.push_back(std::make_unique<report>(*this, label));
+plain_console::plain_console(const std::vector<std::string>& urls) : several_(urls.size() > 1) {
+    for (const std::string& url : urls)
+        reports_.push_back(std::make_unique<report>(*this, url));
 }
 
 void plain_console::line(const std::string& label, const std::string& text) {

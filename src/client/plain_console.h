@@ -6,7 +6,7 @@
 // at every tenth, prefixed with the device when there are several.
 class plain_console : public console {
   public:
-    explicit plain_console(const std::vector<std::string>& labels);
+    explicit plain_console(const std::vector<std::string>& urls);
 
   private:
     class report;

@@ -18,13 +18,13 @@ void pause_until(package_upload& post, std::chrono::steady_clock::time_point unt
 }
 }  // namespace
 
-outcome await_restart(const std::string& url, const update_settings& settings, package_upload& post,
+outcome await_restart(const std::string& url, const connection_settings& how, package_upload& post,
                       std::chrono::steady_clock::time_point deadline, long long saved_before,
                       update_report& report) {
     report.step("waiting for the device to restart");
     // A device that went down keeps no connection or sign-in state worth
     // reusing: a fresh session after every failed request.
-    auto session = std::make_unique<http_session>(url, settings.who, settings.trust);
+    auto session = std::make_unique<http_session>(url, how);
     bool down = false;
     while (true) {
         if (std::chrono::steady_clock::now() >= deadline) {
@@ -42,13 +42,15 @@ outcome await_restart(const std::string& url, const update_settings& settings, p
         // The device comes back with the key it had: its own, made once.
         if (page.transport == CURLE_SSL_PINNEDPUBKEYNOTMATCH) return page.failure();
         const bool answers = page.ok();
-        if (!answers) session = std::make_unique<http_session>(url, settings.who, settings.trust);
+        if (!answers) session = std::make_unique<http_session>(url, how);
         if (answers && down) break;
         if ((lost || !answers) && !down) {
+            report.phase("down");
             report.step("the device is restarting");
             down = true;
         }
     }
+    report.phase("back");
     report.step("the device is back; reading its saved log");
     return saved_log_verdict(*session, saved_before);
 }

@@ -3,8 +3,8 @@
 #include <chrono>
 #include <string>
 
-#include "device_update.h"
 #include "exit_status.h"
+#include "http_session.h"
 #include "package_upload.h"
 #include "update_report.h"
 
@@ -12,6 +12,6 @@
 // Waits until `deadline` for it to go away (a page request fails, or the
 // POST's connection is lost) and to answer again, then judges the update by
 // the saved log newer than `saved_before`.
-outcome await_restart(const std::string& url, const update_settings& settings, package_upload& post,
+outcome await_restart(const std::string& url, const connection_settings& how, package_upload& post,
                       std::chrono::steady_clock::time_point deadline, long long saved_before,
                       update_report& report);

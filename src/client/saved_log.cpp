@@ -21,8 +21,13 @@ outcome saved_log_verdict(http_session& session, long long before) {
     const std::vector<log_entry> entries = parse_update_log(answer.body);
     if (entries.empty()) return {EXIT_NO_RESULT, "the saved log of the update is empty"};
     const log_entry& newest = entries.back();
-    if (newest.success) return {};
-    if (newest.error) return device_error(newest.error_message());
-    return {EXIT_NO_RESULT,
-            "the update did not finish; its saved log ends with \"" + newest.text + "\""};
+    outcome verdict;
+    if (newest.error) {
+        verdict = device_error(newest.error_message());
+    } else if (!newest.success) {
+        verdict = {EXIT_NO_RESULT,
+                   "the update did not finish; its saved log ends with \"" + newest.text + "\""};
+    }
+    verdict.verdict = newest.text;
+    return verdict;
 }

@@ -70,11 +70,3 @@ std::vector<log_entry> parse_update_log(const std::string& html) {
     }
     return entries;
 }
-
-size_t earlier_entries(const std::vector<log_entry>& entries) {
-    size_t count = 0;
-    for (size_t i = 0; i < entries.size(); ++i) {
-        if (entries[i].success || entries[i].error) count = i + 1;
-    }
-    return count;
-}

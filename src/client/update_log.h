@@ -16,7 +16,3 @@ struct log_entry {
 };
 
 std::vector<log_entry> parse_update_log(const std::string& html);
-
-// Number of entries of an earlier update at the start of a log: everything up
-// to its last final (success or error) entry.
-size_t earlier_entries(const std::vector<log_entry>& entries);

@@ -17,9 +17,15 @@ key_changed      | other_key      | -           |                        | 14 | 
 busy             | busy           | -           |                        | 7  | device busy
 wrong_password   | wrong_password | -           |                        | 5  | wrong user or password
 cut_upload       | -              | cut_upload  | --limit-rate 4M        | 8  | connection lost during the upload
-two_devices      | second_device first_contact | -           | --no-wait --parallel 2 | 1  | device error
-unreachable      | no_server      | -           |                        | 4  | device unreachable
-no_package       | no_package     | -           |                        | 3  | cannot read the package"
+two_devices      | second_device first_contact | - | --no-wait --parallel 2 | 1  | device error
+interrupt_two    | second_device first_contact | interrupt | --limit-rate 1M --parallel 2 | 12 | interrupted during the upload
+netrc_json       | netrc_devices first_contact | - | --json --no-wait --parallel 2 | 1 | installation failed
+unreachable      | no_server      | -           | --retry 1              | 4  | device unreachable; trying again in 1 s
+late_device      | late_device first_contact | come_up_late | --wait-online 30 --no-wait | 0 | waiting up to 30 s for the device
+busy_then_free   | busy           | free_later  | --retry 3 --no-wait    | 0  | device busy: another update is running; nothing was sent; trying again in 1 s
+no_second_post   | slow_installer | power_cut   | --retry 3 --timeout 4  | 11 | no saved log
+no_package       | no_package     | -           |                        | 3  | cannot read the package
+refused_early    | refused_early  | -           |                        | 3  | is empty"
 IFS='|' read -r _ before during options status expected < <(grep "^$name " <<<"$table")
 trim() { xargs <<<"$1"; }
 before=$(trim "$before") during=$(trim "$during") status=$(trim "$status") expected=$(trim "$expected")
@@ -31,7 +37,7 @@ recorded() { grep -q -- "$1" "$ROOT/fake/record" 2>/dev/null; }
 device_init "client_$name"
 package $((8 << 20))
 pkg=$ROOT/pkg
-if [ "$before" != no_server ]; then device_start || exit 1; fi
+case $before in no_server | late_device) ;; *) device_start || exit 1 ;; esac
 auth=${AUTH:-} && urls=("${BASE:-}") user=${auth%%:*} password=${auth#*:} trust=(--cacert "${CACERT:-}")
 trap 'device_stop; stop_second' EXIT
 stop_second() { :; }
@@ -44,15 +50,49 @@ busy() { : >"$ROOT/var-tmp/lighttpd-upload-other" && progress >/dev/null; }
 wrong_password() { password=wrong; }
 no_server() { urls=("http://127.0.0.1:1"); }
 no_package() { pkg=$ROOT/missing.bin; }
-slow_preupdate() { echo 1 >"$ROOT/fake/preupdate-delay"; }
+# Each refused with one line (and a hint to --help for a usage error) before
+# any request: the device's /var/log stays empty. The table's own run: an
+# empty package.
+refused_early() {
+    local bad=$ROOT/bad && mkdir -p "$bad" && : >"$bad/empty.pkg" && pkg=$bad/empty.pkg
+    printf '%s/update/   # station 1\n\nftp://%s\n' "$BASE" "${BASE#https://}" >"$bad/devices"
+    echo 'machine other.lan login a password b' >"$bad/netrc"
+    while IFS='|' read -r want text args; do
+        eval "set -- $args"
+        UPDATE_DEVICE_PASSWORD=$password "$CLIENT_BIN" "$@" >"$bad/out" 2>&1
+        check "$name: $text" "$want yes" "$? $(wc -l <"$bad/out") $(grep -qF -- "$text" "$bad/out" && echo yes)"
+    done <<ROWS
+2 2|devices line 3: not an http or https URL|--devices $bad/devices $ROOT/pkg
+2 2|--user takes a name only|-u $user:$password $BASE $ROOT/pkg
+2 2|unknown option --bogus|-u $user --bogus $BASE $ROOT/pkg
+2 2|no host in http:///update/|-u $user http:///update/ $ROOT/pkg
+2 2|has no entry for 127.0.0.1|--netrc-file $bad/netrc $BASE $ROOT/pkg
+3 1|is not a regular file|-u $user $BASE $bad
+ROWS
+}
+slow_preupdate() { echo 1 >"$ROOT/fake/preupdate-delay" && echo 2 >"$ROOT/fake/installer-delay"; }
+slow_installer() { echo 3 >"$ROOT/fake/installer-delay"; }
+late_device() {  # nothing answers on its port for 2 s
+    echo "engineer-late:late-password" >"$ROOT/credentials" && user=engineer-late password=late-password
+    PORT=$((20000 + (RANDOM * 32768 + RANDOM) % 12000)) && urls=("https://127.0.0.1:$PORT")
+}
+come_up_late() { sleep 2 && device_start --port "$PORT"; }
+free_later() { sleep 1.5 && rm "$ROOT"/var-tmp/lighttpd-upload-other && lock_state >/dev/null; }
+# The device goes down while it installs and comes back: the update began,
+# so the client must not post the package again.
+power_cut() { wait_for 60 log_has 'installing package file' && sleep 1 && device_reboot 1; }
+interrupt() { wait_for 20 has_upload_file && kill -INT "$client"; }
 untrusted() { trust=(); }
 pinned() { trust=(--pin "$PIN"); }
 first_contact() { trust=(--known-devices "$ROOT/known"); }
 other_key() { echo "${BASE#https://} sha256//$(head -c 32 /dev/urandom | base64)" >"$ROOT/known" && first_contact; }
 # The lock must hold to the end: a lock-state request of the client while the
-# POST starts (the preupdate.sh second) would have freed it. The fake reboot
-# only records: the device goes down as it asks.
+# POST starts (the preupdate.sh second) would have freed it. Polls refused for
+# a second while the installer runs must show nothing. The fake reboot only
+# records: the device goes down as it asks.
 play_reboot() {
+    wait_for 60 log_has 'installing package file' && mv "$ROOT/server/updater.htdigest" "$ROOT/users" &&
+        sleep 1 && mv "$ROOT/users" "$ROOT/server/updater.htdigest"
     wait_for 60 log_has 'firmware successfully loaded'
     check "$name: the lock held through the update" STATUS_BUSY "$(lock_state)"
     wait_for 60 recorded '^reboot' && sleep 0.5 && device_reboot 2
@@ -64,11 +104,18 @@ cut_upload() {  # a progress poll takes the lock, then the connection goes
 }
 second_device() {  # a second device with the same user, from a devices file, whose installer fails
     local first=$ROOT base=$BASE
-    device_init "client_${name}_b" && echo "$AUTH" >"$ROOT/credentials" && installer_fails
+    device_init "client_${name}_b" && echo "$AUTH" >"${1:-$ROOT/credentials}" && installer_fails
     device_start || exit 1
     printf '# the second device\n%s/update/\n' "$BASE" >"$ROOT/devices"
     urls+=(--devices "$ROOT/devices") second=$ROOT ROOT=$first BASE=$base
     stop_second() { ROOT=$second device_stop; }
+}
+# The same, with a user of its own, named "localhost" in a netrc file.
+netrc_devices() {
+    second_device /dev/null
+    printf 'machine 127.0.0.1 login %s password %s\nmachine localhost login %s password %s\n' \
+        "$user" "$password" "$(cut -d: -f1 "$second/credentials")" "$(cut -d: -f2 "$second/credentials")" >"$ROOT/netrc"
+    urls=(--netrc-file "$ROOT/netrc" "$BASE" "$(sed 's/127.0.0.1/localhost/' "$second/server/url")") user=
 }
 
 for step in $before; do $step; done
@@ -98,6 +145,19 @@ case $name in
     cut_upload)
         check "$name: nothing was installed" "" "$(grep '^updater' "$ROOT/fake/record")"
         check_true "$name: the device was locked when the connection went" test -e "$ROOT/lock-before-cut" ;;
+    interrupt_two)
+        check "$name: the second device is free too" "" "$(ls "$second/var-log/updater-cgi.lock" 2>/dev/null)" ;;
+    netrc_json)
+        results() { jq -r "select(.event == \"result\") | $1" "$ROOT/client.out" | sort | xargs; }
+        check "$name: each device's own status and error" "0 null 25 5" "$(results '"\(.status) \(.device_error.number)"')"
+        check "$name: the package's digest and size" "$(sha256sum <"$pkg" | cut -d' ' -f1) $((8 << 20))" \
+            "$(results '"\(.package.sha256) \(.package.size)"' | xargs -n2 | sort -u)"
+        check "$name: the phases' times" "true true" "$(results '.phases | has("upload") and has("final_entry")')"
+        check "$name: the installers got it" "$installed$installed" "$(grep -h '^updater' "$ROOT/fake/record" "$second/fake/record" | tr -d '\n')" ;;
+    no_second_post)
+        check "$name: one POST only" 1 "$(grep -c '^uci' "$ROOT/fake/record")" ;;
+    refused_early)
+        check "$name: no request reached the device" "" "$(ls "$ROOT/var-log")" ;;
     two_devices)
         check_true "$name: a table row for each" grep -qE "^${BASE#https://} +success" "$ROOT/client.out"
         check "$name: the second device failed" 1 "$(grep -cE '^127.* +device error +.*error 5' "$ROOT/client.out")" ;;

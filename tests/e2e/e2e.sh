@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The update page and updater behind the real lighttpd, signed in, in a device
 # root: one scenario a run, named by the argument (one function each below).
-#   e2e.sh update|errors|window|small|abort|signin|browser
+#   e2e.sh update|errors|window|small|abort|signin|browser|tls|flood
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
 
@@ -113,6 +113,59 @@ scenario_signin() {
     check "every refusal as expected" "" "$(hostile_requests | awk '$1 != $2')"
     check "the program never ran" "" "$(ls "$ROOT/var-log"; ls "$ROOT/fake/record" 2>/dev/null)"
     check "signed in with the header, it answers" STATUS_FREE "$(lock_state)"
+}
+
+# TLS 1.2 and 1.3 with forward-secret AEAD suites only.
+scenario_tls() {
+    handshake() { openssl s_client -connect "${BASE#https://}" "$@" </dev/null >/dev/null 2>&1 && echo yes || echo no; }
+    check "TLS 1.3, 1.2 taken; 1.1, 1.0 refused" "yes yes no no" \
+        "$(handshake -tls1_3) $(handshake -tls1_2) $(handshake -tls1_1 -cipher ALL@SECLEVEL=0) $(handshake -tls1 -cipher ALL@SECLEVEL=0)"
+    local cipher weak=()
+    for cipher in AES128-SHA AES256-GCM-SHA384 ECDHE-ECDSA-AES128-SHA DES-CBC3-SHA ECDHE-ECDSA-RC4-SHA NULL-SHA256; do
+        [ "$(handshake -tls1_2 -cipher "$cipher@SECLEVEL=0")" = no ] || weak+=("$cipher")
+    done
+    check "no static-RSA, CBC, 3DES, RC4 or NULL suite" "" "${weak[*]}"
+    check "TLS 1.2 with ECDHE-ECDSA-AES128-GCM-SHA256" yes "$(handshake -tls1_2 -cipher ECDHE-ECDSA-AES128-GCM-SHA256)"
+}
+
+# One host's connections cannot lock out another host's signed-in user:
+# lighttpd in a network namespace of its own on the device's ports behind the
+# device's packet filter (deploy/device/nftables.conf), reached from a second
+# namespace that holds two addresses: 2,000 idle connections from one, half
+# of them with a request begun, then a signed-in request from the other.
+scenario_flood() {
+    [ "$(id -u)" = 0 ] || { echo "SKIP: network namespaces need root"; exit 77; }
+    local ns=e2e$$ net=10.$((RANDOM % 200 + 20)).$((RANDOM % 250))
+    device_stop && DEVICE_NETNS=$ns-dev
+    ip netns add "$ns-dev" && ip netns add "$ns-cli" && trap "device_stop; ip netns del $ns-dev; ip netns del $ns-cli" EXIT
+    ip link add "$ns-d" netns "$ns-dev" type veth peer name "$ns-c" netns "$ns-cli"
+    ip -n "$ns-dev" addr add "$net.2/24" dev "$ns-d" && ip -n "$ns-dev" addr add "$net.4/24" dev "$ns-d"
+    ip -n "$ns-cli" addr add "$net.1/24" dev "$ns-c" && ip -n "$ns-cli" addr add "$net.3/24" dev "$ns-c"
+    for n in dev cli; do ip -n "$ns-$n" link set lo up && ip -n "$ns-$n" link set "$ns-${n:0:1}" up; done
+    # The attacker's address: whatever goes to the device's second address.
+    ip -n "$ns-cli" route add "$net.4/32" dev "$ns-c" src "$net.3"
+    ip netns exec "$ns-dev" sysctl -qw net.ipv4.ip_unprivileged_port_start=0
+    ip netns exec "$ns-dev" nft -f "$E2E_DIR/../../deploy/device/nftables.conf"
+    device_start --uid 1000 --bind 0.0.0.0 --port 443 --plain-port 80 || return
+    # The attacker holds its connections until told to stop (its stdin closes).
+    mkfifo "$ROOT/hold"
+    ip netns exec "$ns-cli" bash -c 'ulimit -n 4200; open=0; for i in $(seq 2000); do
+        port=$((i % 2 ? 443 : 80)); exec {fd}<>"/dev/tcp/$1/$port" 2>/dev/null || continue
+        open=$((open + 1)); [ $port = 443 ] || printf "GET /update/ HTTP/1.1
+Host: $1
+" >&$fd; done
+        echo "$open" >"$2/held"; read -r _' flood "$net.4" "$ROOT" <"$ROOT/hold" &
+    exec 8>"$ROOT/hold"
+    wait_for 60 test -s "$ROOT/held"
+    local answer
+    answer=$(ip netns exec "$ns-cli" curl -sS --http1.1 --interface "$net.1" --max-time 10 -k --pinnedpubkey "$PIN" \
+        --digest -u "$AUTH" -H 'X-Updater-Page: 1' -w ' %{time_total}' "https://$net.2/cgi-bin/updater?status=1")
+    echo "     2000 tried by the other host, $(cat "$ROOT/held") held; the signed-in request: $answer s"
+    check "the other host holds no more connections than its cap" yes "$([ "$(cat "$ROOT/held")" -le 32 ] && echo yes)"
+    check "a signed-in request from the first host answered within 2 s" "STATUS_FREE yes" \
+        "$(awk '{ print $1, ($2 < 2 ? "yes" : "no") }' <<<"$answer")"
+    exec 8>&-
+    wait
 }
 
 # The page in chromium (browser/update_page.test.mjs); this side plays the

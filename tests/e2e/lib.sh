@@ -17,13 +17,15 @@ finish() { echo "$passed passed, $failed failed" && [ "$failed" -eq 0 ]; }
 
 # A fresh device root under E2E_WORK with updates enabled and instant fakes.
 device_init() { ROOT=$E2E_WORK/$1 && rm -rf "$ROOT" && mkdir -p "$ROOT/fake" && echo true >"$ROOT/fake/uci-value"; }
+# DEVICE_NETNS: lighttpd runs in that network namespace.
+in_netns() { if [ -n "${DEVICE_NETNS:-}" ]; then ip netns exec "$DEVICE_NETNS" "$@"; else "$@"; fi; }
 device_start() {  # [device-lighttpd options...]
     DEVICE_ARGS=("$@")
-    "$E2E_DIR/device-lighttpd" --root "$ROOT" --updater "$UPDATER_BIN" --adaptor "$CGI_HEADER_BIN" "$@" >/dev/null || return 1
+    in_netns "$E2E_DIR/device-lighttpd" --root "$ROOT" --updater "$UPDATER_BIN" --adaptor "$CGI_HEADER_BIN" "$@" >/dev/null || return 1
     BASE=$(cat "$ROOT/server/url") AUTH=$(cat "$ROOT/credentials") && CGI=$BASE/cgi-bin/updater PORT=${BASE##*:}
     PLAIN=$(cat "$ROOT/server/plain-url") CACERT=$ROOT/server/cert.pem PIN=$(cat "$ROOT/server/pin")
 }
-device_stop() { "$E2E_DIR/device-lighttpd" --root "$ROOT" --stop; }
+device_stop() { in_netns "$E2E_DIR/device-lighttpd" --root "$ROOT" --stop; }
 # What a reboot does: the server goes away, the volatile /var/log, /tmp and
 # /var/tmp are emptied, /tolven/local stays.
 device_reboot() {  # seconds down
@@ -53,11 +55,20 @@ wait_for() {  # seconds command...
 }
 
 # Requests that must never reach the program: no credentials, wrong ones, no
-# user file or an empty one, without the page's header, marked cross-site.
-# One line each on standard output: "expected-status status".
+# user file or an empty one, without the page's header, marked cross-site or
+# same-site, paths below the program's, another Host; a signed-in request's
+# header replayed to the plain port (over HTTPS it cannot be seen; taken
+# here from a request the missing page header kept from the program). One
+# line each on standard output: "expected-status status".
 hostile_requests() {
     local a="--digest -u $AUTH" h=-HX-Updater-Page:1 x=-HSec-Fetch-Site:cross-site f=-Fpackage=@$ROOT/pkg
     ask() { echo "$1 $(curl -s --http1.1 --max-time 20 --cacert "$CACERT" -o /dev/null -w '%{http_code}' "${@:2}")"; }
+    local seen plain=$PLAIN/cgi-bin/updater
+    seen=$(curl -sv --http1.1 --cacert "$CACERT" $a -o /dev/null "$CGI?reboot=1" 2>&1 |
+        sed -n 's/^> \(Authorization: .*\)\r$/\1/p')
+    ask 301 -H "$seen" $h "$plain?reboot=1"; ask 301 -H "$seen" $h $f "$plain"; ask 301 $a $h "$plain?status=1"
+    ask 403 $a $h -HSec-Fetch-Site:same-site "$CGI?reboot=1"; ask 403 $a $h -HSec-Fetch-Site:same-site $f "$CGI"
+    ask 403 $a $h "$CGI/"; ask 403 $a $h "$CGI/x"; ask 403 $a $h "$CGI%2F"; ask 403 $a $h -HHost:device.example "$CGI?reboot=1"
     ask 401 "$BASE/update/"; ask 401 $h "$CGI?request=1"; ask 401 $h "$CGI?status=1"; ask 401 $h "$CGI?reboot=1"
     ask 401 $h $f "$CGI"; ask 401 --digest -u "${AUTH%%:*}:wrong" $h "$CGI?reboot=1"
     ask 403 $a "$CGI?reboot=1"; ask 403 $a -HX-Updater-Page:0 "$CGI?request=1"; ask 403 $a $f "$CGI"

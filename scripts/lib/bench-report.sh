@@ -126,16 +126,28 @@ END {
 
     r = get("client_upload", "ratio");
     if (r != "")
-        row("upload of a 256 MiB package through lighttpd, update-device (host client)",
+        row("upload of a 128 MiB package through lighttpd, both capped at 64 MiB/s, update-device (host client); pairs from " \
+                fmt("%.3f", get("client_upload", "low")) " to " fmt("%.3f", get("client_upload", "high")),
             fmt("%.0f MB/s", get("client_upload", "client_MBps")),
-            fmt("curl -F %.0f MB/s", get("client_upload", "curl_MBps")), fmt("%.2f", r),
+            fmt("curl -F %.0f MB/s", get("client_upload", "curl_MBps")), fmt("%.3f", r),
             ">= 0.95", verdict(r >= 0.95));
     r = get("client_upload", "tls_ratio");
     if (r != "")
-        row("the same upload over HTTPS against plain HTTP (update-device, same lighttpd)",
-            fmt("%.0f MB/s", get("client_upload", "client_MBps")),
+        row("upload of a 256 MiB package over HTTPS against plain HTTP, update-device, same lighttpd",
+            fmt("%.0f MB/s", get("client_upload", "tls_MBps")),
             fmt("plain HTTP %.0f MB/s", get("client_upload", "plain_MBps")), fmt("%.2f", r),
             ">= 0.8", verdict(r >= 0.8));
+    n = get("client_fleet", "devices");
+    if (n != "") {
+        r = get("client_fleet", "ratio");
+        row("update-device, " n " devices at once (--parallel " n ") against one alone: whole run, to the success entry",
+            fmt("%.2f s", get("client_fleet", "all_s")), fmt("one device %.2f s", get("client_fleet", "one_s")),
+            fmt("%.2f", r), "<= 1.5", verdict(r <= 1.5));
+        k = get("client_fleet", "per_device_kib");
+        row("update-device peak memory, " n " devices / one, and its growth per device",
+            mib(get("client_fleet", "all_kib")) " / " mib(get("client_fleet", "one_kib")), "",
+            fmt("%d KiB", k), "< 1024 KiB", verdict(k < 1024));
+    }
 
     nd = get("sizes", "native_dynamic"); ns = get("sizes", "native_static");
     ad = get("sizes", "arm_dynamic"); as = get("sizes", "arm_static");

@@ -132,11 +132,16 @@ install_device_files() {  # image root
     # sudo looks its host's name up at every command: /etc/hosts answers.
     echo device >"$1/etc/hostname"
     printf '127.0.0.1\tlocalhost\n127.0.1.1\tdevice\n' >"$1/etc/hosts"
-    # Updates are enabled; firmware 1.0 is installed, and the device's
-    # pages show its version.
-    mkdir -p "$1/etc/device" "$1/tolven/local/firmware"
+    # Updates are enabled; firmware 1.0 is installed in slot a, the active
+    # one (tests/device/installer), and the device's pages show it: its
+    # version, and the whole slot for a check of its digest.
+    mkdir -p "$1/etc/device" "$1/tolven/local/firmware/a"
     echo true >"$1/etc/device/security.update.enabled"
-    echo 1.0 >"$1/tolven/local/firmware/version"
+    local slot=$1/tolven/local/firmware/a
+    head -c 65536 /dev/urandom >"$slot/payload"
+    printf 'version=1.0\nsha256=%s\n' "$(sha256sum <"$slot/payload" | cut -d' ' -f1)" >"$slot/manifest"
+    echo 1.0 >"$slot/version"
+    ln -s a "$1/tolven/local/firmware/current"
 }
 
 # The one user of the update page, made up with the image ("user:password"
@@ -167,7 +172,8 @@ make_image() {  # dir base-dir deb [overlay]
     chroot "$r" dpkg -i /tmp/updater.deb >"$tmp/dpkg.log"
     rm "$r/tmp/updater.deb"
     chroot "$r" visudo -qcf /etc/sudoers.d/updater
-    ln -s /tolven/local/firmware/version "$r/www/version.txt"
+    ln -s /tolven/local/firmware/current/version "$r/www/version.txt"
+    ln -s /tolven/local/firmware/current "$r/www/firmware"
     [ -z "$overlay" ] || cp -R --no-preserve=ownership "$overlay/." "$r/"
     chroot "$r" systemctl -q enable systemd-networkd application lighttpd device-certificate nftables \
         2>>"$tmp/dpkg.log"

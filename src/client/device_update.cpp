@@ -85,8 +85,10 @@ class device_update {
 
     // Progress requests only, until the final entry or the POST's end (a
     // lost connection after the whole body leaves the update running: the
-    // log goes on telling). Once the body is sent, a log that stays quiet
-    // for the timeout ends the wait.
+    // log goes on telling, unless the device restarts: it stops answering
+    // and answers again, or its log vanishes, which an error ending that
+    // the polls missed also does). Once the body is sent, a log that stays
+    // quiet for the timeout ends the wait.
     void follow(package_upload& post) {
         auto next_poll = clock_type::now();
         auto quiet_since = next_poll;  // the body sent, or the log changed
@@ -108,11 +110,21 @@ class device_update {
                     report_.phase("final_entry");
                     return;
                 }
+                if (post.wait(std::chrono::milliseconds(0)) && lost_device()) return;
             }
             if (clock_type::now() - quiet_since > std::chrono::seconds(settings_.timeout_seconds)) {
                 return;
             }
         }
+    }
+
+    // After the POST's connection was lost with the whole body sent: a
+    // device back from a restart has lost the log of the update, or answers
+    // again without ever having shown it.
+    bool lost_device() {
+        went_down_ = went_down_ || !log_.answered();
+        restarted_ = log_.vanished() || (went_down_ && log_.answered() && !log_.saw_update());
+        return restarted_;
     }
 
     outcome conclude(package_upload& post) {
@@ -127,14 +139,17 @@ class device_update {
         const bool ended = post.wait(std::chrono::milliseconds(0));
         if (!ended) {
             return {EXIT_NO_RESULT, "the device's log has not moved for " +
-                                        std::to_string(settings_.timeout_seconds) + " s"};
+                                        std::to_string(settings_.timeout_seconds) +
+                                        " s; the outcome is unknown"};
         }
         const http_answer& answer = post.answer();
         if (answer.reached() && answer.code != 200) return answer.failure();
         if (!post.body_sent()) return lost_upload(post);
-        // The POST answered without a final entry in the polls: the saved
-        // copy tells, if it was written by this update.
+        // The POST ended without a final entry in the polls: the saved copy
+        // tells, if it was written by this update. Its success with the
+        // device restarted means the reboot after the copy has happened.
         outcome verdict = saved_log_verdict(polls_, saved_before_);
+        if (verdict.ok() && restarted_) return {};
         return verdict.ok() ? succeeded(post) : verdict;
     }
 
@@ -176,6 +191,8 @@ class device_update {
     http_session polls_;    // progress requests and the saved log
     log_follower log_;
     long long saved_before_ = -1;
+    bool went_down_ = false;
+    bool restarted_ = false;
     bool sent_marked_ = false;
 };
 }  // namespace

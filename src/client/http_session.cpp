@@ -1,5 +1,8 @@
 #include "http_session.h"
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 namespace {
 // Every request of the page carries it; the device refuses the program's
 // URL without it.
@@ -50,6 +53,10 @@ http_session::http_session(const std::string& device_url, const connection_setti
     curl_easy_setopt(curl_, CURLOPT_USERAGENT, "update-device");
     curl_easy_setopt(curl_, CURLOPT_FILETIME, 1L);
     curl_easy_setopt(curl_, CURLOPT_WRITEFUNCTION, collect);
+    curl_easy_setopt(curl_, CURLOPT_OPENSOCKETFUNCTION, open_socket);
+    curl_easy_setopt(curl_, CURLOPT_OPENSOCKETDATA, this);
+    curl_easy_setopt(curl_, CURLOPT_CLOSESOCKETFUNCTION, close_socket);
+    curl_easy_setopt(curl_, CURLOPT_CLOSESOCKETDATA, this);
     // HTTP/1.1 as the device's own tests: a digest-signed POST over HTTP/2
     // gets no answer from the device's lighttpd 1.4.69 with this libcurl.
     curl_easy_setopt(curl_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
@@ -93,6 +100,29 @@ http_answer http_session::head(const std::string& path) {
     curl_easy_setopt(curl_, CURLOPT_TIMEOUT, request_timeout_s);
     perform(answer);
     return answer;
+}
+
+curl_socket_t http_session::open_socket(void* self, curlsocktype, curl_sockaddr* address) {
+    auto* session = static_cast<http_session*>(self);
+    const curl_socket_t fd =
+        ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+    if (fd == CURL_SOCKET_BAD) return fd;
+    std::lock_guard<std::mutex> lock(session->sockets_mutex_);
+    session->sockets_.insert(fd);
+    return fd;
+}
+
+int http_session::close_socket(void* self, curl_socket_t fd) {
+    auto* session = static_cast<http_session*>(self);
+    std::lock_guard<std::mutex> lock(session->sockets_mutex_);
+    session->sockets_.erase(fd);
+    return ::close(fd);
+}
+
+void http_session::abort_transfer() {
+    std::lock_guard<std::mutex> lock(sockets_mutex_);
+    for (const curl_socket_t fd : sockets_)
+        ::shutdown(fd, SHUT_RDWR);
 }
 
 void http_session::perform(http_answer& answer) {

@@ -2,6 +2,8 @@
 
 #include <curl/curl.h>
 
+#include <mutex>
+#include <set>
 #include <string>
 
 #include "exit_status.h"
@@ -57,12 +59,21 @@ class http_session {
     // its answer into `answer`.
     CURL* handle() { return curl_; }
     void perform(http_answer& answer);
+    // Ends the transfer under way, from any thread: its connections are shut
+    // down, and libcurl returns at once rather than at its next progress call
+    // (up to a second later while it waits for an answer).
+    void abort_transfer();
 
   private:
+    static curl_socket_t open_socket(void* self, curlsocktype, curl_sockaddr* address);
+    static int close_socket(void* self, curl_socket_t socket);
+
     CURL* curl_;
     curl_slist* headers_ = nullptr;
     std::string base_;
     char error_[CURL_ERROR_SIZE] = {};
+    std::mutex sockets_mutex_;
+    std::set<curl_socket_t> sockets_;  // open, so that abort_transfer never meets a reused one
 };
 
 // The program's and the saved log's paths on the device.

@@ -25,8 +25,12 @@ void log_follower::take_baseline() {
 // earlier update's error ending deletes its log): all of it is new.
 bool log_follower::poll() {
     const http_answer answer = session_.get(device_path::progress);
-    if (!answer.ok() || answer.body == seen_) return false;
-    if (answer.body.compare(0, seen_.size(), seen_) != 0) base_ = shown_ = 0;
+    answered_ = answer.ok();
+    if (!answered_ || answer.body == seen_) return false;
+    if (answer.body.compare(0, seen_.size(), seen_) != 0) {
+        vanished_ = vanished_ || shown_ > base_;
+        base_ = shown_ = 0;
+    }
     seen_ = answer.body;
 
     const std::vector<log_entry> entries = parse_update_log(seen_);

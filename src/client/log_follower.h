@@ -24,6 +24,14 @@ class log_follower {
 
     // The success or error entry that ended this update, once seen.
     const std::optional<log_entry>& final_entry() const { return final_; }
+    // True once the log that held entries of this update was replaced by
+    // one without them: it was deleted (an error ending) or the device
+    // restarted.
+    bool vanished() const { return vanished_; }
+    // Whether entries of this update have been seen.
+    bool saw_update() const { return shown_ > base_; }
+    // Whether the latest progress request had an answer.
+    bool answered() const { return answered_; }
     // The log shows that the POST runs: this update has begun on the device.
     bool update_began() const { return began_; }
 
@@ -34,5 +42,7 @@ class log_follower {
     size_t base_ = 0;   // entries of an earlier update at its start
     size_t shown_ = 0;  // entries of the log shown so far, base included
     std::optional<log_entry> final_;
+    bool vanished_ = false;
+    bool answered_ = false;
     bool began_ = false;
 };

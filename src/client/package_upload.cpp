@@ -38,7 +38,8 @@ std::string package_problem(const std::string& path) {
 
 package_upload::package_upload(http_session& session, const std::string& package,
                                uint64_t rate_limit)
-    : form_(curl_mime_init(session.handle())),
+    : session_(session),
+      form_(curl_mime_init(session.handle())),
       start_(std::chrono::steady_clock::now()),
       last_move_(start_) {
     curl_mimepart* part = curl_mime_addpart(form_);
@@ -63,6 +64,13 @@ package_upload::~package_upload() {
     cancel();
     thread_.join();
     curl_mime_free(form_);
+}
+
+// The flag stops a transfer between two of libcurl's calls; shutting the
+// connection down wakes one that waits for the device.
+void package_upload::cancel() {
+    cancelled_ = true;
+    session_.abort_transfer();
 }
 
 void package_upload::run(http_session& session) {

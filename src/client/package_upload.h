@@ -36,8 +36,8 @@ class package_upload {
 
     // Waits at most `limit` for the POST to end; true once it has.
     bool wait(std::chrono::milliseconds limit);
-    // Ends the transfer at libcurl's next progress call.
-    void cancel() { cancelled_ = true; }
+    // Ends the transfer now.
+    void cancel();
 
     // After the end: the answer, and whether the body stopped moving.
     const http_answer& answer() const { return answer_; }
@@ -47,6 +47,7 @@ class package_upload {
     static int on_progress(void* self, curl_off_t, curl_off_t, curl_off_t total, curl_off_t now);
     void run(http_session& session);
 
+    http_session& session_;
     curl_mime* form_;
     std::chrono::steady_clock::time_point start_;
     std::chrono::steady_clock::time_point last_move_;

@@ -52,5 +52,7 @@ outcome await_restart(const std::string& url, const connection_settings& how, pa
     }
     report.phase("back");
     report.step("the device is back; reading its saved log");
-    return saved_log_verdict(*session, saved_before);
+    outcome verdict = saved_log_verdict(*session, saved_before);
+    if (verdict.status == EXIT_NO_RESULT) verdict.message += " (its log had said success)";
+    return verdict;
 }

@@ -44,7 +44,7 @@ log_entry parse_entry(const std::string& raw) {
             (colon == std::string::npos || all_digits(percent))) {
             body = raw.substr(close + 2);
             if (colon != std::string::npos && percent.size() < 5) {
-                entry.percent = (negative ? -1 : 1) * std::stoi(percent);
+                entry.percent = negative ? -1 : std::stoi(percent);  // none below 0
             }
         }
     }

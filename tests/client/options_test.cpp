@@ -3,6 +3,7 @@
 #include "device_url.h"
 #include "exit_status.h"
 #include "options.h"
+#include "update_log.h"
 
 namespace {
 // Parses "update-device ARGS..."; the error, or "" when accepted.
@@ -79,6 +80,31 @@ TEST(client_options, command_lines) {
         options ignored;
         EXPECT_EQ(parsed(args, ignored).rfind(error, 0), 0u) << args.front() << " " << error;
     }
+}
+
+// The device's log as the polls read it, and what is shown of each entry.
+TEST(client_update_log, entries) {
+    const std::vector<log_entry> entries = parse_update_log(
+        "[001.250:40] reassembling data ...<br>[002.001] no percent<br>[3.5:-5] below zero<br>"
+        "[004.000:100] <font color=#2020ff><b>update completed, firmware successfully loaded<br>"
+        "[005.1:60] ERROR: installation failed<br>[x.1:50] not a stamp<br>");
+    const std::tuple<int, const char*, bool, bool> rows[] = {
+        {40, "reassembling data ...", false, false},
+        {-1, "no percent", false, false},
+        {-1, "below zero", false, false},
+        {100, "update completed, firmware successfully loaded", false, true},
+        {60, "ERROR: installation failed", true, false},
+        {-1, "[x.1:50] not a stamp", false, false},
+    };
+    ASSERT_EQ(entries.size(), std::size(rows));
+    for (size_t i = 0; i < entries.size(); ++i) {
+        const auto& [percent, text, error, success] = rows[i];
+        EXPECT_EQ(entries[i].percent, percent) << i;
+        EXPECT_EQ(entries[i].text, text) << i;
+        EXPECT_EQ(entries[i].error, error) << i;
+        EXPECT_EQ(entries[i].success, success) << i;
+    }
+    EXPECT_EQ(entries[4].error_message(), "installation failed");
 }
 
 // --help lists each of the device's errors once, the last one included.

@@ -21,9 +21,11 @@ two_devices      | second_device first_contact | - | --no-wait --parallel 2 | 1 
 interrupt_two    | second_device first_contact | interrupt | --limit-rate 1M --parallel 2 | 12 | interrupted during the upload
 netrc_json       | netrc_devices first_contact | - | --json --no-wait --parallel 2 | 1 | installation failed
 unreachable      | no_server      | -           | --retry 1              | 4  | device unreachable; trying again in 1 s
+wrong_scheme     | wrong_scheme   | -           |                        | 10 | request failed
+interrupt_twice  | hung_server    | interrupt_twice |                    | 12 | asking the device's lock state
 late_device      | late_device first_contact | come_up_late | --wait-online 30 --no-wait | 0 | waiting up to 30 s for the device
 busy_then_free   | busy           | free_later  | --retry 3 --no-wait    | 0  | device busy: another update is running; nothing was sent; trying again in 1 s
-no_second_post   | slow_installer | power_cut   | --retry 3 --timeout 4  | 11 | no saved log
+no_second_post   | slow_installer | power_cut   | --retry 3 --timeout 4  | 11 | no saved log of the last update; the outcome is unknown
 no_package       | no_package     | -           |                        | 3  | cannot read the package
 refused_early    | refused_early  | -           |                        | 3  | is empty"
 IFS='|' read -r _ before during options status expected < <(grep "^$name " <<<"$table")
@@ -39,7 +41,7 @@ package $((8 << 20))
 pkg=$ROOT/pkg
 case $before in no_server | late_device) ;; *) device_start || exit 1 ;; esac
 auth=${AUTH:-} && urls=("${BASE:-}") user=${auth%%:*} password=${auth#*:} trust=(--cacert "${CACERT:-}")
-trap 'device_stop; stop_second' EXIT
+trap 'stop_second; device_stop' EXIT
 stop_second() { :; }
 
 # --- before the client, or while it runs -------------------------------------
@@ -49,6 +51,15 @@ disabled() { echo false >"$ROOT/fake/uci-value"; }
 busy() { : >"$ROOT/var-tmp/lighttpd-upload-other" && progress >/dev/null; }
 wrong_password() { password=wrong; }
 no_server() { urls=("http://127.0.0.1:1"); }
+# The server's own scheme swapped: it answers, but not what a client can read.
+wrong_scheme() { [[ $BASE == https:* ]] && urls=("${BASE/https:/http:}") || urls=("${BASE/http:/https:}"); }
+# lighttpd stopped: connections are taken, requests never answered.
+hung_server() {
+    kill -STOP "$(cat "$ROOT/server/lighttpd.pid")"
+    stop_second() { kill -CONT "$(cat "$ROOT/server/lighttpd.pid")"; }
+}
+# The first Ctrl-C waits for the request under way (10 s); the second ends it.
+interrupt_twice() { sleep 0.5 && kill -INT "$client" && sleep 0.3 && kill -INT "$client"; }
 no_package() { pkg=$ROOT/missing.bin; }
 # Each refused with one line (and a hint to --help for a usage error) before
 # any request: the device's /var/log stays empty. The table's own run: an

@@ -118,13 +118,14 @@
     }
 
     // Shows the saved copy of the last update's log with its outcome; these
-    // copies survive the reboot, so they are what the user can trust.
-    // Both copies are asked for first, so that the verdict and the trace
-    // link appear together.
+    // copies survive the reboot, so they are what the user can trust. A
+    // power cut while the device saves it can leave it empty or short: its
+    // outcome is then unknown. Both copies are asked for first, so that the
+    // verdict and the trace link appear together.
     async function refreshLast() {
         const [saved, trace] = await Promise.all([get(SAVED_LOG), get(SAVED_TRACE)]);
         const verdict = $('last-verdict');
-        if (saved === null || saved.text.length === 0) {
+        if (saved === null) {
             verdict.textContent = 'No update has been recorded on this device yet.';
             verdict.className = 'verdict';
             $('last-log-box').hidden = true;
@@ -133,15 +134,18 @@
         }
         const entries = parseLog(saved.text);
         const newest = entries[entries.length - 1];
-        if (newest && newest.success) {
+        if (!newest) {
+            verdict.textContent = 'The outcome of the last update is unknown: its saved log is empty.';
+            verdict.className = 'verdict bad';
+        } else if (newest.success) {
             verdict.textContent = 'The last update succeeded: firmware successfully loaded.';
             verdict.className = 'verdict ok';
-        } else if (newest && newest.error) {
+        } else if (newest.error) {
             verdict.textContent = 'The last update failed: ' + newest.plain.slice(7);
             verdict.className = 'verdict bad';
         } else {
-            verdict.textContent = 'The last update did not finish; its log ends with "' +
-                (newest ? newest.plain : '') + '".';
+            verdict.textContent = 'The outcome of the last update is unknown: its saved log ends with "' +
+                newest.plain + '", before its result.';
             verdict.className = 'verdict bad';
         }
         if (saved.modified) {
@@ -189,6 +193,7 @@
         const g = enter();
         setControls(false);
         setOutcome('');
+        const savedBefore = await get(SAVED_LOG);
         setState('Another update is running on the device; you can update when it has ended.', 'warn');
         $('upload-meter').hidden = true;
         let last = null;
@@ -202,7 +207,7 @@
                 const percent = latestPercent(entries);
                 if (percent !== null) setMeter('update-meter', percent);
                 const newest = entries[entries.length - 1];
-                if (newest && newest.success) return awaitReboot();
+                if (newest && newest.success) return awaitReboot(savedBefore);
                 if (newest && newest.error) {
                     await refreshLast();
                     return idle();
@@ -309,7 +314,7 @@
                 'a few seconds; do not switch it off.', 'success');
             setState('Waiting for the device to restart.');
             await post;
-            return awaitReboot();
+            return awaitReboot(savedBefore);
         }
         if (outcome && outcome.error) {
             setOutcome('The update failed: ' + outcome.plain.slice(7), 'error');
@@ -329,13 +334,16 @@
             const verdict = $('last-verdict');
             setOutcome(verdict.textContent, verdict.classList.contains('ok') ? 'success' : 'error');
         } else {
-            setOutcome('The update ended without a result; the device may have been restarted ' +
-                'or the connection lost.', 'error');
+            setOutcome('The outcome of this update is unknown: it ended without a result, and the ' +
+                'device saved no log of it (it may have lost power or the connection).', 'error');
         }
         return idle();
     }
 
-    async function awaitReboot() {
+    // After a success entry. The device saves the update's log just before it
+    // restarts: a copy no newer than the one before the update means that it
+    // restarted (lost power) before, and the outcome is unknown.
+    async function awaitReboot(savedBefore) {
         const g = enter();
         setControls(false);
         window.onbeforeunload = null;
@@ -351,9 +359,14 @@
                 continue;
             }
             if (down) {
-                setOutcome('The device is back. The result of the last update is shown above.',
-                    'success');
-                await refreshLast();
+                const savedAfter = await refreshLast();
+                if (savedBefore !== undefined && savedAfter === (savedBefore ? savedBefore.modified : null)) {
+                    setOutcome('The device is back, but it saved no log of this update: its outcome ' +
+                        'is unknown. Its log had said success before the restart.', 'error');
+                } else {
+                    setOutcome('The device is back. The result of the last update is shown above.',
+                        'success');
+                }
                 return idle();
             }
             if (Date.now() - start > REBOOT_GIVE_UP_MS) {

@@ -128,44 +128,17 @@ scenario_tls() {
     check "TLS 1.2 with ECDHE-ECDSA-AES128-GCM-SHA256" yes "$(handshake -tls1_2 -cipher ECDHE-ECDSA-AES128-GCM-SHA256)"
 }
 
-# One host's connections cannot lock out another host's signed-in user:
-# lighttpd in a network namespace of its own on the device's ports behind the
-# device's packet filter (deploy/device/nftables.conf), reached from a second
-# namespace that holds two addresses: 2,000 idle connections from one, half
-# of them with a request begun, then a signed-in request from the other.
+# One host's connections cannot lock out another host's signed-in user
+# (flood_start and flood_round in lib.sh).
 scenario_flood() {
     [ "$(id -u)" = 0 ] || { echo "SKIP: network namespaces need root"; exit 77; }
-    local ns=e2e$$ net=10.$((RANDOM % 200 + 20)).$((RANDOM % 250))
-    device_stop && DEVICE_NETNS=$ns-dev
-    ip netns add "$ns-dev" && ip netns add "$ns-cli" && trap "device_stop; ip netns del $ns-dev; ip netns del $ns-cli" EXIT
-    ip link add "$ns-d" netns "$ns-dev" type veth peer name "$ns-c" netns "$ns-cli"
-    ip -n "$ns-dev" addr add "$net.2/24" dev "$ns-d" && ip -n "$ns-dev" addr add "$net.4/24" dev "$ns-d"
-    ip -n "$ns-cli" addr add "$net.1/24" dev "$ns-c" && ip -n "$ns-cli" addr add "$net.3/24" dev "$ns-c"
-    for n in dev cli; do ip -n "$ns-$n" link set lo up && ip -n "$ns-$n" link set "$ns-${n:0:1}" up; done
-    # The attacker's address: whatever goes to the device's second address.
-    ip -n "$ns-cli" route add "$net.4/32" dev "$ns-c" src "$net.3"
-    ip netns exec "$ns-dev" sysctl -qw net.ipv4.ip_unprivileged_port_start=0
-    ip netns exec "$ns-dev" nft -f "$E2E_DIR/../../deploy/device/nftables.conf"
-    device_start --uid 1000 --bind 0.0.0.0 --port 443 --plain-port 80 || return
-    # The attacker holds its connections until told to stop (its stdin closes).
-    mkfifo "$ROOT/hold"
-    ip netns exec "$ns-cli" bash -c 'ulimit -n 4200; open=0; for i in $(seq 2000); do
-        port=$((i % 2 ? 443 : 80)); exec {fd}<>"/dev/tcp/$1/$port" 2>/dev/null || continue
-        open=$((open + 1)); [ $port = 443 ] || printf "GET /update/ HTTP/1.1
-Host: $1
-" >&$fd; done
-        echo "$open" >"$2/held"; read -r _' flood "$net.4" "$ROOT" <"$ROOT/hold" &
-    exec 8>"$ROOT/hold"
-    wait_for 60 test -s "$ROOT/held"
-    local answer
-    answer=$(ip netns exec "$ns-cli" curl -sS --http1.1 --interface "$net.1" --max-time 10 -k --pinnedpubkey "$PIN" \
-        --digest -u "$AUTH" -H 'X-Updater-Page: 1' -w ' %{time_total}' "https://$net.2/cgi-bin/updater?status=1")
-    echo "     2000 tried by the other host, $(cat "$ROOT/held") held; the signed-in request: $answer s"
-    check "the other host holds no more connections than its cap" yes "$([ "$(cat "$ROOT/held")" -le 32 ] && echo yes)"
+    device_stop && flood_start && trap flood_stop EXIT || return
+    local held status seconds
+    read -r held status seconds < <(flood_round)
+    echo "     2000 tried by the other host, $held held; the signed-in request: $status in $seconds s"
+    check "the other host holds no more connections than its cap" yes "$([ "$held" -le 32 ] && echo yes)"
     check "a signed-in request from the first host answered within 2 s" "STATUS_FREE yes" \
-        "$(awk '{ print $1, ($2 < 2 ? "yes" : "no") }' <<<"$answer")"
-    exec 8>&-
-    wait
+        "$status $(awk -v s="$seconds" 'BEGIN { print (s != "" && s < 2) ? "yes" : "no" }')"
 }
 
 # The page in chromium (browser/update_page.test.mjs); this side plays the

@@ -48,6 +48,45 @@ post() {  # curl options...
         -w '%{http_code}' "$@" -F "package=@$ROOT/pkg;filename=fw.pkg" "$CGI"
 }
 
+# The device in a network namespace of its own, on the device's ports behind
+# the device's packet filter (deploy/device/nftables.conf), reached from a
+# second namespace holding two addresses: FLOOD_NET.1 the user's, .3 another
+# host's. Needs root; nothing of it touches this machine's own network.
+flood_start() {
+    FLOOD_NS=fl$$ FLOOD_NET=10.$((RANDOM % 200 + 20)).$((RANDOM % 250)) DEVICE_NETNS=fl$$-dev
+    local ns=$FLOOD_NS net=$FLOOD_NET n
+    ip netns add "$ns-dev" && ip netns add "$ns-cli" &&
+        ip link add "$ns-d" netns "$ns-dev" type veth peer name "$ns-c" netns "$ns-cli" || return
+    ip -n "$ns-dev" addr add "$net.2/24" dev "$ns-d" && ip -n "$ns-dev" addr add "$net.4/24" dev "$ns-d"
+    ip -n "$ns-cli" addr add "$net.1/24" dev "$ns-c" && ip -n "$ns-cli" addr add "$net.3/24" dev "$ns-c"
+    for n in dev cli; do ip -n "$ns-$n" link set lo up && ip -n "$ns-$n" link set "$ns-${n:0:1}" up; done
+    # The other host's address: whatever goes to the device's second address.
+    ip -n "$ns-cli" route add "$net.4/32" dev "$ns-c" src "$net.3"
+    ip netns exec "$ns-dev" sysctl -qw net.ipv4.ip_unprivileged_port_start=0
+    ip netns exec "$ns-dev" nft -f "$E2E_DIR/../../deploy/device/nftables.conf" &&
+        device_start --uid 1000 --bind 0.0.0.0 --port 443 --plain-port 80
+}
+flood_stop() { device_stop; ip netns del "$FLOOD_NS-dev"; ip netns del "$FLOOD_NS-cli"; }
+# 2,000 idle connections from the other host, half of them with a request
+# begun, held while the user's signed-in lock-state request runs. Prints
+# "connections-held answer seconds".
+flood_round() {
+    local hold=$ROOT/flood-hold answer
+    rm -f "$hold" "$ROOT/flood-held" && mkfifo "$hold"
+    ip netns exec "$FLOOD_NS-cli" bash -c 'ulimit -n 4200; open=0; for i in $(seq 2000); do
+        port=$((i % 2 ? 443 : 80)); exec {fd}<>"/dev/tcp/$1/$port" 2>/dev/null || continue
+        open=$((open + 1)); [ $port = 443 ] || printf "GET /update/ HTTP/1.1\r\nHost: $1\r\n" >&$fd; done
+        echo "$open" >"$2"; read -r _' flood "$FLOOD_NET.4" "$ROOT/flood-held" <"$hold" &
+    exec {hold_fd}>"$hold"
+    wait_for 60 test -s "$ROOT/flood-held"
+    answer=$(ip netns exec "$FLOOD_NS-cli" curl -sS --http1.1 --interface "$FLOOD_NET.1" --max-time 10 -k \
+        --pinnedpubkey "$PIN" --digest -u "$AUTH" -H 'X-Updater-Page: 1' -w ' %{time_total}' \
+        "https://$FLOOD_NET.2/cgi-bin/updater?status=1" 2>/dev/null)
+    exec {hold_fd}>&-
+    wait $!
+    echo "$(cat "$ROOT/flood-held") ${answer:-none}"
+}
+
 # Polls the command every 50 ms until it succeeds, at most the seconds given.
 wait_for() {  # seconds command...
     local deadline=$((${EPOCHREALTIME/./} + $1 * 1000000))

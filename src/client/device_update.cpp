@@ -142,7 +142,11 @@ class device_update {
                                         " s; the outcome is unknown"};
         }
         const http_answer& answer = post.answer();
-        if (answer.reached() && answer.code != 200) return answer.failure();
+        // A 503 is a refusal before the update: the device runs another one,
+        // or could not start the program.
+        if (answer.reached() && answer.code != 200) {
+            return answer.failure().safe_to_retry(answer.code == 503);
+        }
         if (!post.body_sent()) return lost_upload(post);
         // The POST ended without a final entry in the polls: the saved copy
         // tells, if it was written by this update. Its success with the

@@ -85,7 +85,10 @@ late_device() {  # nothing answers on its port for 2 s
     PORT=$((20000 + (RANDOM * 32768 + RANDOM) % 12000)) && urls=("http://127.0.0.1:$PORT")
 }
 come_up_late() { sleep 2 && device_start --port "$PORT"; }
-free_later() { sleep 1.5 && rm "$ROOT"/var-tmp/lighttpd-upload-other && lock_state >/dev/null; }
+free_later() {  # the other upload stops, its log entries stay: none of them may show
+    sleep 1.5 && printf '[001.500:10] the other upload<br>' >>"$ROOT/var-log/updater-cgi.log"
+    rm "$ROOT"/var-tmp/lighttpd-upload-other && lock_state >/dev/null
+}
 # The device goes down while it installs and comes back: the update began,
 # so the client must not post the package again.
 power_cut() { wait_for 60 log_has 'installing package file' && sleep 1 && device_reboot 1; }
@@ -156,6 +159,8 @@ case $name in
             "$(results '"\(.package.sha256) \(.package.size)"' | xargs -n2 | sort -u)"
         check "$name: the phases' times" "true true" "$(results '.phases | has("upload") and has("final_entry")')"
         check "$name: the installers got it" "$installed$installed" "$(grep -h '^updater' "$ROOT/fake/record" "$second/fake/record" | tr -d '\n')" ;;
+    busy_then_free)
+        check "$name: only this update's entries" 0 "$(grep -c 'the other upload' "$ROOT/client.out")" ;;
     no_second_post)
         check "$name: one POST only" 1 "$(grep -c '^uci' "$ROOT/fake/record")" ;;
     refused_early)

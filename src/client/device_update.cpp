@@ -152,7 +152,7 @@ class device_update {
         // tells, if it was written by this update. Its success with the
         // device restarted means the reboot after the copy has happened.
         outcome verdict = saved_log_verdict(polls_, saved_before_);
-        if (verdict.ok() && restarted_) return {};
+        if (verdict.ok() && restarted_) return verdict;
         return verdict.ok() ? succeeded(post) : verdict;
     }
 

@@ -73,6 +73,7 @@ TEST(client_options, command_lines) {
         {{"--retry", "-1", "d", "pkg"}, "--retry takes a number"},
         {{"--connect-timeout", "0", "d", "pkg"}, "--connect-timeout takes seconds"},
         {{"pkg"}, "no device given"},
+        {{"--devices", "/nonexistent", "d", "pkg"}, "cannot read the devices file"},
         {{"ftp://d", "pkg"}, "not an http or https URL: ftp://d"},
         {{"--netrc-file", "n", "-u", "a", "d", "pkg"}, "--netrc-file names each device's user"},
     };

@@ -8,7 +8,7 @@ name=$1
 
 #  case          | before         | during      | client options         | status | output has (texts split by ';')
 table="
-success          | slow_preupdate | play_reboot | --timeout 30 --limit-rate 4M | 0 | of 8.0 MiB; the device is back
+success          | slow_preupdate | play_reboot | --timeout 30 --limit-rate 2M | 0 | of 8.0 MiB; firmware successfully loaded; the device is back
 installer_fails  | installer_fails | -          |                        | 25 | (error 5): installation failed
 disabled         | disabled       | -           |                        | 29 | (error 9): update feature is disabled
 busy             | busy           | -           |                        | 7  | device busy
@@ -144,7 +144,8 @@ done
 case $name in
     success)
         check "$name: the installer got the package" "$installed" "$(grep '^updater' "$ROOT/fake/record")"
-        check "$name: each entry shown once" "" "$(grep '^\[' "$ROOT/client.out" | sort | uniq -d)" ;;
+        check "$name: each entry shown once" "" "$(grep '^\[' "$ROOT/client.out" | sort | uniq -d)"
+        check "$name: an upload line a tenth" "" "$(grep -o '^upload [0-9]*' "$ROOT/client.out" | awk '{ print int($2 / 10) }' | uniq -d)" ;;
     busy | wrong_password)
         check "$name: nothing was posted" "" "$(grep '^uci' "$ROOT/fake/record")" ;;&
     busy)

@@ -12,6 +12,7 @@ success          | slow_preupdate | play_reboot | --timeout 30 --limit-rate 2M |
 installer_fails  | installer_fails | -          |                        | 25 | (error 5): installation failed
 disabled         | disabled       | -           |                        | 29 | (error 9): update feature is disabled
 busy             | busy           | -           |                        | 7  | device busy
+busy_post        | -              | other_post  | --limit-rate 4M        | 7  | another update is running; the package was not installed
 wrong_password   | wrong_password | -           |                        | 5  | wrong user or password
 cut_upload       | -              | cut_upload  | --limit-rate 4M        | 8  | connection lost during the upload
 two_devices      | second_device  | -           | --no-wait --parallel 2 | 1  | device error
@@ -20,7 +21,7 @@ netrc_json       | netrc_devices  | -           | --json --no-wait --parallel 2 
 unreachable      | no_server      | -           | --retry 1              | 4  | device unreachable; trying again in 1 s
 wrong_scheme     | wrong_scheme   | -           |                        | 10 | request failed
 interrupt_twice  | hung_server    | interrupt_twice |                    | 12 | asking the device's lock state
-late_device      | late_device    | come_up_late | --wait-online 30 --no-wait | 0 | waiting up to 30 s for the device
+late_device      | late_device    | come_up_late | --wait-online 30 --no-wait | 0 | waiting up to 30 s for the device; the next update must wait for it
 busy_then_free   | busy           | free_later  | --retry 3 --no-wait    | 0  | device busy: another update is running; nothing was sent; trying again in 1 s
 stuck_installer  | stuck_installer | -          | --timeout 2            | 11 | log has not moved for 2 s
 no_second_post   | slow_installer | power_cut   | --retry 3 --timeout 4  | 11 | no saved log of the last update; the outcome is unknown
@@ -95,6 +96,11 @@ free_later() {  # the other upload stops, its log entries stay: none of them may
 # so the client must not post the package again.
 power_cut() { wait_for 60 log_has 'installing package file' && sleep 1 && device_reboot 1; }
 interrupt() { wait_for 20 has_upload_file && kill -INT "$client"; }
+# Another client's small package, sent while this one's is on its way, is in first.
+other_post() {
+    wait_for 20 has_upload_file && head -c 1000 /dev/urandom >"$ROOT/other" &&
+        page -o /dev/null -F "package=@$ROOT/other;filename=o.pkg" "$CGI" &
+}
 # The lock must hold to the end: a lock-state request of the client while the
 # POST starts (the preupdate.sh second) would have freed it. Polls refused for
 # a second while the installer runs must show nothing. The fake reboot only
@@ -150,6 +156,9 @@ case $name in
         check "$name: nothing was posted" "" "$(grep '^uci' "$ROOT/fake/record")" ;;&
     busy)
         check "$name: the other upload keeps its lock" STATUS_BUSY "$(lock_state)" ;;
+    busy_post)
+        check "$name: only the other package installed" "1 size=1000" \
+            "$(grep -c '^updater' "$ROOT/fake/record") $(grep '^updater' "$ROOT/fake/record" | cut -d' ' -f5)" ;;
     cut_upload)
         check "$name: nothing was installed" "" "$(grep '^updater' "$ROOT/fake/record")"
         check_true "$name: the device was locked when the connection went" test -e "$ROOT/lock-before-cut" ;;
@@ -172,7 +181,7 @@ case $name in
         check_true "$name: a table row for each" grep -qE "^${BASE#http://} +success" "$ROOT/client.out"
         check "$name: the second device failed" 1 "$(grep -cE '^127.* +device error +.*error 5' "$ROOT/client.out")" ;;
 esac
-if [ "$before" != busy ] && [ "$before" != no_server ] && [ "$before" != stuck_installer ]; then
+if [ "$before" != busy ] && [ "$before" != no_server ] && [ "$before" != stuck_installer ] && [ "$name" != busy_post ]; then
     check "$name: no lock left" no "$([ -e "$ROOT/var-log/updater-cgi.lock" ] && echo yes || echo no)"
 fi
 [ "$failed" -eq 0 ] || cat "$ROOT/client.out"

@@ -20,7 +20,9 @@ constexpr status_row rows[] = {
     {EXIT_UNREACHABLE, "unreachable", "the device does not answer"},
     {EXIT_WRONG_PASSWORD, "wrong password", "the device refuses the user or password (401)"},
     {EXIT_REFUSED, "refused", "the device refuses the request (403)"},
-    {EXIT_BUSY, "busy", "another update runs on the device; nothing was sent"},
+    {EXIT_BUSY, "busy",
+     "another update runs on the device (its lock state, or the busy answer to the POST); nothing "
+     "was installed"},
     {EXIT_UPLOAD_LOST, "upload lost", "the connection was lost during the upload"},
     {EXIT_NOT_BACK, "not back", "the device did not restart and answer again in time"},
     {EXIT_UNEXPECTED_ANSWER, "unexpected",

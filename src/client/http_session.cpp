@@ -40,6 +40,13 @@ outcome http_answer::failure() const {
     }
     if (code == 401) return {EXIT_WRONG_PASSWORD, "wrong user or password (HTTP 401)"};
     if (code == 403) return {EXIT_REFUSED, "request refused by the device (HTTP 403)"};
+    // The device's guard answers so while an update runs: nothing of this
+    // request reached the program.
+    if (code == 503) {
+        return outcome{EXIT_BUSY,
+                       "device busy: another update is running; the package was not installed"}
+            .safe_to_retry(true);
+    }
     return {EXIT_UNEXPECTED_ANSWER, "unexpected answer: HTTP " + std::to_string(code)};
 }
 

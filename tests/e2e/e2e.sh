@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The update page and updater behind the real lighttpd, signed in, in a device
 # root: one scenario a run, named by the argument (one function each below).
-#   e2e.sh update|errors|window|small|abort|signin|browser|tls|flood
+#   e2e.sh update|errors|window|small|abort|signin|race|browser|tls|flood
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
 
@@ -35,8 +35,10 @@ scenario_update() {
     check "POST answers 200, empty; the installer got the package" "200 0 $installed" \
         "$(cat "$ROOT/post.code") $(stat -c %s "$ROOT/post.body") $(grep '^updater' "$ROOT/fake/record")"
     check "device commands through sudo" "sudo preupdate.sh uci sudo application sudo updater sudo reboot" "$(commands)"
-    check "the whole log, then free" "[T:1] waiting for file ...<br>[T:10] receiving package file ...<br>${SUCCESS}STATUS_FREE" \
-        "$(progress | entries; lock_state)"
+    check "the whole log; busy until the device goes down" \
+        "[T:1] waiting for file ...<br>[T:10] receiving package file ...<br>${SUCCESS}STATUS_BUSY" "$(progress | entries; lock_state)"
+    device_reboot 1
+    check "free once it is back" STATUS_FREE "$(lock_state)"
 }
 
 # Updates that end in an error: each answers 200 and nothing else, saves the
@@ -52,7 +54,7 @@ scenario_errors() {
             "$(cd "$ROOT" && page -o post.body -w '%{http_code}' "${args[@]}" "$CGI") $(stat -c %s "$ROOT/post.body")"
         check "$name: saved log" "[T:1] waiting for file ...<br>$log" "$(entries <"$ROOT/tolven-local/updater-cgi.log")"
         check "$name: commands run; lock, status and log gone: free" "sudo preupdate.sh uci$more  STATUS_FREE" \
-            "$(commands) $(ls "$ROOT/var-log" | grep -v debug) $(lock_state)"
+            "$(commands) $(ls "$ROOT/var-log" | grep -v -e debug -e guard) $(lock_state)"
     done <<'ROWS'
 disabled|false|0|-F package=@pkg||[T] ERROR: update feature is disabled<br>
 not a form|true|0|-H Content-Type:application/octet-stream --data-binary @pkg||[T] ERROR: bad/malformed http header<br>
@@ -62,8 +64,9 @@ ROWS
 }
 
 # The start-of-update window: lighttpd starts the POST with the upload file
-# gone, so until preupdate.sh has run and state 2 is written, a lock-state
-# request takes the running update's lock for stale.
+# gone, and until preupdate.sh has run and state 2 is written, the program
+# would take the running update's lock for stale. The adaptor's guard answers
+# for it; and an update killed outright leaves nothing in the way.
 scenario_window() {
     fakes installer-status=1 installer-delay=2 preupdate-delay=2 # an error ending is shorter than the pause
     package $((2 << 20)) && progress >/dev/null
@@ -71,21 +74,40 @@ scenario_window() {
     wait_for 10 has_upload_file && progress >/dev/null
     check_true "the POST process runs preupdate.sh" wait_for 10 recorded '^preupdate.sh'
     check "in the window: no upload file, lock held, state 1" "1 yes 1" "$(has_upload_file; echo $?) $(held) $(state)"
-    check "a lock-state request answers free and removes the lock" "STATUS_FREE no" "$(lock_state) $(held)"
-    check "the update goes on, unlocked" "yes STATUS_FREE" "$(wait_for 10 log_has 'installing package file' && echo yes) $(lock_state)"
-    wait
+    check "a lock-state request answers busy and the lock stays" "STATUS_BUSY yes" "$(lock_state) $(held)"
+    check "progress: the log as it stands" "$(cat "$ROOT/var-log/updater-cgi.log")" "$(progress)"
+    check "another POST, a reboot: busy, not run" "503 update already in progress, please retry later. 503 1 0" \
+        "$(cd "$ROOT" && page -o /dev/null -w '%{http_code} ' -F package=@pkg "$CGI"; page -w ' %{http_code}' "$CGI?reboot=1")\
+ $(grep -c '^preupdate' "$ROOT/fake/record") $(grep -c '^reboot' "$ROOT/fake/record")"
+    check_true "the update reaches the installer" wait_for 10 log_has 'installing package file'
+    kill -KILL "$(update_pid)" && wait
+    check "killed: its lock and state cleared, its log saved" "STATUS_FREE  0" \
+        "$(wait_for 10 eval '[ "$(lock_state)" = STATUS_FREE ]'; lock_state) $(ls "$ROOT/var-log" | grep -v -e debug -e guard)\
+ $(grep -c 'ERROR' "$ROOT/tolven-local/updater-cgi.log")"
+    fakes installer-delay=0 preupdate-delay=0
+    check "the next update runs at once" "200 2" \
+        "$(cd "$ROOT" && page -w '%{http_code}' -F package=@pkg "$CGI") $(grep -c '^updater' "$ROOT/fake/record")"
+}
+# The update's own process (not the adaptor waiting for it).
+update_pid() {
+    local cmdline
+    for cmdline in /proc/[0-9]*/cmdline; do
+        [[ $( { tr '\0' ' ' <"$cmdline"; } 2>/dev/null) == *"$ROOT/server/www/cgi-bin/updater"* ]] &&
+            ! grep -qa cgi-header "$cmdline" 2>/dev/null && basename "$(dirname "$cmdline")"
+    done
 }
 
 # Under 64 KiB lighttpd keeps the body in memory: no upload file, so no poll
-# takes the lock, and the update runs without it. Its client leaves after the
-# success entry: the update runs to its end all the same.
+# takes the lock, and the update runs without it; the adaptor's guard answers
+# busy all the same. Its client leaves after the success entry: the update
+# runs to its end all the same.
 scenario_small() {
     fakes installer-delay=2
     package $((48 << 10)) && progress >/dev/null
     post --limit-rate 16K >/dev/null &
     local client=$!
-    check "polled, it reaches the installer, unlocked" "yes STATUS_FREE" \
-        "$(wait_for 20 eval 'progress >/dev/null; log_has "installing package file"' && echo yes) $(lock_state)"
+    check "polled, it reaches the installer, unlocked but busy" "yes no STATUS_BUSY" \
+        "$(wait_for 20 eval 'progress >/dev/null; log_has "installing package file"' && echo yes) $(held) $(lock_state)"
     check_true "the success entry" wait_for 10 log_has 'firmware successfully loaded'
     kill "$client"
     check_true "the client gone, the update goes on to the reboot" wait_for 15 recorded '^reboot'
@@ -114,6 +136,42 @@ scenario_signin() {
     check "the program never ran" "" "$(ls "$ROOT/var-log"; ls "$ROOT/fake/record" 2>/dev/null)"
     check "signed in with the header, it answers" STATUS_FREE "$(lock_state)"
 }
+
+# Eight clients against one device, packages of 1 KiB to 64 MiB at full speed
+# and rate-limited, all at once, then one every 0.4 s (the biggest first),
+# while a poller asks for progress and the lock state. Each time exactly one
+# package is installed, its client answered 200, its log whole; every other
+# client gets the busy answer; then the device reboots. The fakes' timeline:
+# never two installers at once, never a reboot during one.
+scenario_race() {
+    fakes installer-delay=1
+    local sizes=(1 48 100 1024 4096 16384 32768 65536) rates=(0 32K 0 1M 0 8M 0 16M) round k winner log
+    for round in together staggered; do
+        rm -f "$ROOT"/code.* && progress >/dev/null
+        while :; do progress >/dev/null && lock_state && echo; done >"$ROOT/polls" 2>&1 &
+        local poller=$!
+        for k in {0..7}; do head -c $((sizes[k] << 10)) /dev/urandom >"$ROOT/pkg.$k"; done
+        for k in $([ "$round" = together ] && echo {0..7} || echo {7..0}); do
+            page --max-time 60 --limit-rate "${rates[k]}" -o "$ROOT/answer.$k" -w '%{http_code}' \
+                -F "package=@$ROOT/pkg.$k;filename=fw.pkg" "$CGI" >"$ROOT/code.$k" &
+            [ "$round" = together ] || sleep 0.4
+        done
+        wait_for 60 eval '[ "$(grep -l . "$ROOT"/code.* | wc -l)" = 8 ]'
+        wait_for 20 recorded '^reboot'
+        kill "$poller" && wait "$poller"
+        winner=$(grep -lx 200 "$ROOT"/code.* | sed 's/.*\.//')
+        check "$round: one client runs the update, seven get the busy answer" "1 7" \
+            "$(grep -lx 200 "$ROOT"/code.* | wc -l) $(grep -lx 'update already in progress, please retry later.' "$ROOT"/answer.* | wc -l)"
+        check "$round: its package installed, nothing else" \
+            "sha256=$(sha256sum <"$ROOT/pkg.${winner:-0}" | cut -d' ' -f1)" "$(grep '^updater' "$ROOT/fake/record" | cut -d' ' -f4)"
+        log=$(entries <"$ROOT/tolven-local/updater-cgi.log") && log=${log#'[T:1] waiting for file ...<br>'}
+        check "$round: its log whole" "$SUCCESS" "${log#'[T:10] receiving package file ...<br>'}"
+        check "$round: the polls answered, busy while it ran" "" \
+            "$(grep -v -e STATUS_BUSY -e STATUS_FREE "$ROOT/polls"; grep -q STATUS_BUSY "$ROOT/polls" || echo never busy)"
+        sleep 0.5 && device_reboot 1 && rm "$ROOT/fake/record"
+    done
+    check "one installer at a time, no reboot during one" "$(printf 'installer start installer end reboot %.0s' 1 2)" \
+        "$(paste -sd' ' "$ROOT/fake/timeline") "
 
 # TLS 1.2 and 1.3 with forward-secret AEAD suites only.
 scenario_tls() {

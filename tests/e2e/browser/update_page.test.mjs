@@ -1,10 +1,12 @@
 // The update page in the system's chromium, against the device that
 // "e2e.sh browser" serves over HTTPS: another site's page tries to reach the
 // program, a page of the same site to frame the update page; then the real
-// page, signed in, takes a package through to the reboot, then a failing one. Environment: BASE, AUTH ("user:password"), ROOT (device root
-// on the host), PACKAGE (file to upload), ARTIFACTS (screenshots). Without
-// ROOT the device is the emulated one (tests/device): its files are out of
-// reach, so the first test is skipped, and everything takes longer.
+// page, signed in, takes a package through to the reboot, then posts while
+// another client's update runs, then a failing one. Environment: BASE, AUTH
+// ("user:password"), ROOT (device root on the host), PACKAGE (file to
+// upload), ARTIFACTS (screenshots). Without ROOT the device is the emulated
+// one (tests/device): its files are out of reach, so the first two tests are
+// skipped, and everything takes longer.
 import {test} from 'node:test';
 import assert from 'node:assert/strict';
 import {createServer} from 'node:http';
@@ -132,6 +134,21 @@ test('a failing update shows its error', {timeout: 60000 * slow}, () => withPage
         writeFileSync(join(ROOT, 'fake', 'installer-delay'), '0');
     }
     await page.goto(BASE + '/update/');
+    if (!device) { // told the device is free while another client's update holds it: the busy answer
+        const preupdates = () => readFileSync(join(ROOT, 'fake', 'record'), 'utf8').split('preupdate.sh').length;
+        const before = preupdates();
+        writeFileSync(join(ROOT, 'fake', 'preupdate-delay'), '2');
+        await page.route('**/updater?status=1', (route) => route.fulfill({body: 'STATUS_FREE'}));
+        page.evaluate(() => { const form = new FormData(); form.append('package', new Blob(['other']), 'other.pkg');
+            fetch('/cgi-bin/updater', {method: 'POST', body: form, headers: {'X-Updater-Page': '1'}}); });
+        while (preupdates() === before) await page.waitForTimeout(50);
+        await page.setInputFiles('#package', {name: 'mine.pkg', mimeType: 'text/plain', buffer: Buffer.alloc(1000, 1)});
+        await page.click('#update');
+        await page.getByText('your package was not installed', {exact: false}).waitFor();
+        await page.unroute('**/updater?status=1');
+        await page.getByText('Ready: press Update to install mine.pkg').waitFor(); // followed to its end
+        writeFileSync(join(ROOT, 'fake', 'preupdate-delay'), '0');
+    }
     await page.setInputFiles('#package', {name: 'broken.pkg', mimeType: 'text/plain', buffer: Buffer.alloc(200000, 7)});
     await page.click('#update');
     // The error entry lives 1.5 s in the log; the page has to catch it.

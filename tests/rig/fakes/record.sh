@@ -7,6 +7,8 @@ record() {
     printf '%s\n' "$*" >>"$fake_dir/record"
     printf 'uid=%s %s\n' "$(id -u)" "$*" >>"$fake_dir/record-detail"
 }
+# The installer's runs and the reboots, in order, in "timeline".
+mark() { printf '%s\n' "$*" >>"$fake_dir/timeline"; }
 # Prints the content of a setting file, or the default when it is absent.
 setting() {
     if [ -f "$fake_dir/$1" ]; then cat "$fake_dir/$1"; else printf '%s' "$2"; fi

@@ -172,6 +172,7 @@ scenario_race() {
     done
     check "one installer at a time, no reboot during one" "$(printf 'installer start installer end reboot %.0s' 1 2)" \
         "$(paste -sd' ' "$ROOT/fake/timeline") "
+}
 
 # TLS 1.2 and 1.3 with forward-secret AEAD suites only.
 scenario_tls() {

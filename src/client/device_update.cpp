@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "interrupt.h"
+#include "known_devices.h"
 #include "log_follower.h"
 #include "package_upload.h"
 #include "progress_text.h"
@@ -15,6 +16,8 @@ constexpr auto tick = std::chrono::milliseconds(200);
 // An error ending deletes the log 1.5 s after its entry: poll well inside that.
 constexpr auto poll_interval = std::chrono::milliseconds(400);
 constexpr auto answer_grace = std::chrono::seconds(5);
+// The busy answer comes as soon as the body is in.
+constexpr auto busy_grace = std::chrono::milliseconds(500);
 constexpr auto release_limit = std::chrono::seconds(3);
 
 std::string file_name(const std::string& path) {
@@ -105,10 +108,13 @@ class device_update {
             if (clock_type::now() >= next_poll) {
                 if (log_.poll()) quiet_since = clock_type::now();
                 next_poll = clock_type::now() + poll_interval;
-                if (log_.final_entry()) {
+                if (log_.final_entry() && post.body_sent()) {
                     report_.phase("final_entry");
                     return;
                 }
+                // Before the whole body has left, an ending is another
+                // client's update's: this POST gets the busy answer.
+                if (log_.final_entry()) log_.forget_final();
                 if (post.wait(std::chrono::milliseconds(0)) && lost_device()) return;
             }
             if (clock_type::now() - quiet_since > std::chrono::seconds(settings_.timeout_seconds)) {
@@ -129,6 +135,7 @@ class device_update {
     outcome conclude(package_upload& post) {
         if (interrupted()) return interrupted_outcome(post);
         if (const auto& final = log_.final_entry()) {
+            if (post.wait(busy_grace) && post.answer().code == 503) return post.answer().failure();
             if (final->error) {
                 post.wait(answer_grace);
                 return device_error(final->error_message());
@@ -142,18 +149,26 @@ class device_update {
                                         " s; the outcome is unknown"};
         }
         const http_answer& answer = post.answer();
-        if (answer.reached() && answer.code != 200) return answer.failure();
+        // A 503 is a refusal before the update: the device runs another one,
+        // or could not start the program.
+        if (answer.reached() && answer.code != 200) {
+            return answer.failure().safe_to_retry(answer.code == 503);
+        }
         if (!post.body_sent()) return lost_upload(post);
         // The POST ended without a final entry in the polls: the saved copy
         // tells, if it was written by this update. Its success with the
         // device restarted means the reboot after the copy has happened.
         outcome verdict = saved_log_verdict(polls_, saved_before_);
-        if (verdict.ok() && restarted_) return {};
+        if (verdict.ok() && restarted_) return verdict;
         return verdict.ok() ? succeeded(post) : verdict;
     }
 
     outcome succeeded(package_upload& post) {
-        if (!settings_.wait_for_restart) return {};
+        if (!settings_.wait_for_restart) {
+            report_.step(
+                "the device restarts after its 10 s pause; the next update must wait for it");
+            return {};
+        }
         const auto deadline = clock_type::now() + std::chrono::seconds(settings_.timeout_seconds);
         return await_restart(url_, settings_.connection, post, deadline, saved_before_, report_);
     }
@@ -198,5 +213,10 @@ class device_update {
 
 outcome update_device(const std::string& url, const update_settings& settings,
                       update_report& report) {
-    return device_update(url, settings, report).run();
+    const std::string& known_devices = settings.connection.known_devices;
+    if (known_devices.empty()) return device_update(url, settings, report).run();
+    update_settings pinned = settings;
+    const outcome known = known_device_pin(url, known_devices, pinned.connection.pin, report);
+    if (!known.ok()) return known;
+    return device_update(url, pinned, report).run();
 }

@@ -24,6 +24,12 @@ class log_follower {
 
     // The success or error entry that ended this update, once seen.
     const std::optional<log_entry>& final_entry() const { return final_; }
+    // The entries shown so far, the final one included, were another
+    // update's.
+    void forget_final() {
+        base_ = shown_;
+        final_.reset();
+    }
     // True once the log that held entries of this update was replaced by
     // one without them: it was deleted (an error ending) or the device
     // restarted.

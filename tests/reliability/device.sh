@@ -53,7 +53,7 @@ if [ -z "$run" ]; then
     trap 'device stop' EXIT
 fi
 trap 'exit 1' INT TERM
-BASE=$(cat "$run/url" 2>/dev/null || echo "http://127.0.0.1:$(cat "$run/port")")
+BASE=https://127.0.0.1:$(cat "$run/port") CACERT=$run/cert.pem
 AUTH=$(cat "$run/credentials") CGI=$BASE/cgi-bin/updater
 row() { printf 'device\t%s\t%s\t%s\n' "$@" >>"$REL_WORK/results.tsv"; }
 fail() { echo "device: $*" >>"$REL_WORK/failures.txt"; }
@@ -63,7 +63,8 @@ size=$((6 << 20)) rate=$((1536 << 10)) # a 4 s upload
 
 # ---- what the host sees ------------------------------------------------------
 client() {  # package output options...
-    UPDATE_DEVICE_PASSWORD=${AUTH#*:} timeout 900 "$CLIENT_BIN" --user "${AUTH%%:*}" "${@:3}" "$BASE" "$1" >"$2" 2>&1
+    UPDATE_DEVICE_PASSWORD=${AUTH#*:} timeout 900 "$CLIENT_BIN" --user "${AUTH%%:*}" --pin "$(cat "$run/pin")" \
+        "${@:3}" "$BASE" "$1" >"$2" 2>&1
 }
 page_update() {  # output [package]
     BASE=$BASE AUTH=$AUTH PACKAGE=${2:-} RATE=$rate timeout 900 node "$here/page-update.mjs" >"$1" 2>&1
@@ -75,8 +76,8 @@ package() {  # version bytes: the package in PKG, its payload's digest in DIGEST
 # "version digest whole|broken" of the active slot.
 firmware() {
     local manifest digest
-    manifest=$(curl -sS -m 20 "$BASE/firmware/manifest")
-    digest=$(curl -sS -m 120 "$BASE/firmware/payload" | sha256sum | cut -c1-64)
+    manifest=$(curl -sS -m 20 --cacert "$CACERT" "$BASE/firmware/manifest")
+    digest=$(curl -sS -m 120 --cacert "$CACERT" "$BASE/firmware/payload" | sha256sum | cut -c1-64)
     echo "$(sed -n 's/^version=//p' <<<"$manifest") $digest" \
         "$([ "sha256=$digest" = "$(grep '^sha256=' <<<"$manifest")" ] && echo whole || echo broken)"
 }

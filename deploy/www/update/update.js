@@ -17,6 +17,8 @@
     const REBOOT_POLL_MS = 2000;
     const REBOOT_GIVE_UP_MS = 180000;
     const RECEIVING = 'receiving package file ...';
+    // The answer to a POST while another update runs on the device.
+    const BUSY = 503;
 
     // lighttpd lets only requests with this header reach the program: another
     // site's page cannot send it, so it cannot update or reboot the device.
@@ -189,10 +191,10 @@
     // never clear a lock. A lock-state request is sent only when the log has
     // not moved for a minute (an abandoned upload leaves a stale lock that
     // only a lock-state request clears).
-    async function watch() {
+    async function watch(note = '') {
         const g = enter();
         setControls(false);
-        setOutcome('');
+        setOutcome(note, 'error');
         const savedBefore = await get(SAVED_LOG);
         setState('Another update is running on the device; you can update when it has ended.', 'warn');
         $('upload-meter').hidden = true;
@@ -215,7 +217,12 @@
                 if (answer.text !== last) {
                     last = answer.text;
                     since = Date.now();
-                } else if (Date.now() - since > STALE_AFTER_MS) {
+                }
+                // The idle log's one entry: no update under way (or an error
+                // ending has just cleared the log); a log still for a minute:
+                // an abandoned upload, whose stale lock only this clears.
+                const waiting = entries.length === 1 && entries[0].percent === 1;
+                if (waiting || Date.now() - since > STALE_AFTER_MS) {
                     since = Date.now();
                     const lock = await get(CGI + '?status=1');
                     if (g !== generation) return;
@@ -298,8 +305,9 @@
                 const percent = latestPercent(mine);
                 if (percent !== null) setMeter('update-meter', percent);
                 const newest = mine[mine.length - 1];
-                if (newest && newest.success) outcome = newest;
-                if (newest && newest.error) outcome = newest;
+                // An ending before the whole package has left is another
+                // client's update's: this one's POST gets the busy answer.
+                if (newest && sentAll && (newest.success || newest.error)) outcome = newest;
                 if (newest && sentAll && !outcome) {
                     setState('Updating: ' + newest.plain + ' Keep this page open.');
                 }
@@ -307,19 +315,26 @@
             if (!posted && outcome === null) await Promise.race([sleep(OWN_POLL_MS), post]);
         }
         if (g !== generation) return;
+        // The device's busy answer: another client's update holds it.
+        const busy = () => {
+            window.onbeforeunload = null;
+            return watch('Another update was already running on the device: your package was ' +
+                'not installed.');
+        };
+        if (posted && (await post) === BUSY) return busy();
 
         if (outcome && outcome.success) {
             setMeter('upload-meter', 100);
             setOutcome('Update completed, firmware successfully loaded. The device restarts in ' +
                 'a few seconds; do not switch it off.', 'success');
             setState('Waiting for the device to restart.');
-            await post;
+            if ((await post) === BUSY) return busy();
             return awaitReboot(savedBefore);
         }
         if (outcome && outcome.error) {
             setOutcome('The update failed: ' + outcome.plain.slice(7), 'error');
             setState('The update has ended with an error.', 'bad');
-            await post;
+            if ((await post) === BUSY) return busy();
             window.onbeforeunload = null;
             await refreshLast();
             return idle();

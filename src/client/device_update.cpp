@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "interrupt.h"
+#include "known_devices.h"
 #include "log_follower.h"
 #include "package_upload.h"
 #include "progress_text.h"
@@ -212,5 +213,10 @@ class device_update {
 
 outcome update_device(const std::string& url, const update_settings& settings,
                       update_report& report) {
-    return device_update(url, settings, report).run();
+    const std::string& known_devices = settings.connection.known_devices;
+    if (known_devices.empty()) return device_update(url, settings, report).run();
+    update_settings pinned = settings;
+    const outcome known = known_device_pin(url, known_devices, pinned.connection.pin, report);
+    if (!known.ok()) return known;
+    return device_update(url, pinned, report).run();
 }

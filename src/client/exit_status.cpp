@@ -32,6 +32,11 @@ constexpr status_row rows[] = {
      "the update ended without a success or error entry, or the saved log does not say success"},
     {EXIT_INTERRUPTED, "interrupted",
      "stopped by a signal (Ctrl-C); an upload under way is cancelled, the device left free"},
+    {EXIT_UNTRUSTED, "untrusted",
+     "the device's certificate is not trusted (HTTPS); nothing was sent"},
+    {EXIT_KEY_CHANGED, "key changed",
+     "the device's key is not the pinned one or the one its first contact recorded; "
+     "nothing was sent"},
     {EXIT_DEVICE_ERROR, "device error",
      "the device's update ended with an error it has no number for"},
 };

@@ -43,7 +43,7 @@ TEST(client_options, rate_limit_units) {
 // Two spellings of one device are one URL; what is no device is refused.
 TEST(client_options, device_urls) {
     const std::pair<const char*, const char*> rows[] = {
-        {"10.0.0.2", "http://10.0.0.2"},
+        {"10.0.0.2", "https://10.0.0.2"},
         {"HTTP://Device.Lan:80/update/", "http://device.lan"},
         {"https://d:8443/update/index.html/", "https://d:8443/update/index.html"},
         {"https://d:443/", "https://d"},
@@ -62,8 +62,8 @@ TEST(client_options, device_urls) {
 // and mistakes caught with a message naming them.
 TEST(client_options, command_lines) {
     options out;
-    EXPECT_EQ(parsed({"--parallel=2", "http://d", "http://d/", "D/update", "e", "pkg"}, out), "");
-    EXPECT_EQ(out.urls, (std::vector<std::string>{"http://d", "http://e"}));
+    EXPECT_EQ(parsed({"--parallel=2", "https://d", "https://d/", "D/update", "e", "pkg"}, out), "");
+    EXPECT_EQ(out.urls, (std::vector<std::string>{"https://d", "https://e"}));
     EXPECT_EQ(out.notes.size(), 2u);
     EXPECT_EQ(out.update.package, "pkg");
 

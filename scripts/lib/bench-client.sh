@@ -4,12 +4,16 @@
 # at 64 MiB/s (--limit-rate 64M), in alternating pairs. Uncapped, a body takes
 # a tenth of a second on loopback and single pairs ranged from 0.4 to 3.2 on
 # a shared machine; capped, each takes 2 s and the figure is steady.
+# And update-device over HTTPS against itself over plain HTTP to the same
+# lighttpd (its plain port serving, as the device's never does): TLS's cost.
 # Updates are disabled on the device, so each POST ends soon after its body.
 # Both sides are timed alike, from outside: from lighttpd's upload file
 # appearing in /var/tmp (the body starts to arrive) to its going (the body is
 # complete and the POST starts). Appends one line to RESULTS, the medians of
-# each side and of the pairs' ratios (curl's time / the client's):
-#   client_upload client_MBps=... curl_MBps=... ratio=...
+# each side and of the rounds' ratios (curl's time / the client's; plain
+# HTTP's time / HTTPS's):
+#   client_upload client_MBps=... curl_MBps=... ratio=... low=... high=...
+#                 tls_MBps=... plain_MBps=... tls_ratio=...
 # Usage: scripts/lib/bench-client.sh TREE RESULTS PAIRS
 set -euo pipefail
 tree=$1 results=$2 pairs=$3
@@ -19,7 +23,7 @@ export E2E_WORK=$tree/e2e UPDATER_BIN=$tree/stripped/updater CGI_HEADER_BIN=$tre
 . "$root/tests/e2e/lib.sh"
 mkdir -p "$E2E_WORK"
 device_init client_upload
-device_start
+device_start --plain-http
 trap device_stop EXIT
 echo false >"$ROOT/fake/uci-value"
 bytes=$((128 << 20)) rate=64M
@@ -51,17 +55,28 @@ body_seconds() {  # command...
     echo "$start $end" | awk '{ printf "%.4f\n", $2 - $1 }'
 }
 
-client=() curl_side=() ratios=()
+# TLS's cost: 256 MiB, uncapped.
+tls_bytes=$((256 << 20))
+head -c "$tls_bytes" /dev/urandom >"$ROOT/pkg-256"
+client=() curl_side=() ratios=() tls=() plain=() tls_ratios=()
+upload() {  # base-url package [update-device options...]
+    UPDATE_DEVICE_PASSWORD=${AUTH#*:} body_seconds "$tree/src/client/update-device" \
+        --user "${AUTH%%:*}" --cacert "$CACERT" "${@:3}" "$1" "$2"
+}
 for _ in $(seq "$pairs"); do
-    c=$(UPDATE_DEVICE_PASSWORD=${AUTH#*:} body_seconds "$tree/src/client/update-device" \
-        --user "${AUTH%%:*}" --limit-rate "$rate" "$BASE" "$pkg")
-    r=$(body_seconds curl -sS -o /dev/null --limit-rate "$rate" --digest -u "$AUTH" -H 'X-Updater-Page: 1' \
-        -F "package=@$pkg" "$CGI")
+    c=$(upload "$BASE" "$pkg" --limit-rate "$rate")
+    r=$(body_seconds curl -sS --http1.1 --cacert "$CACERT" -o /dev/null --limit-rate "$rate" --digest -u "$AUTH" \
+        -H 'X-Updater-Page: 1' -F "package=@$pkg" "$CGI")
+    t=$(upload "$BASE" "$ROOT/pkg-256") p=$(upload "$PLAIN" "$ROOT/pkg-256")
     client+=("$c") curl_side+=("$r") ratios+=("$(awk -v c="$c" -v r="$r" 'BEGIN { print r / c }')")
+    tls+=("$t") plain+=("$p") tls_ratios+=("$(awk -v t="$t" -v p="$p" 'BEGIN { print p / t }')")
 done
-rm -f "$pkg"
+rm -f "$pkg" "$ROOT/pkg-256"
 median() { printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
 echo "client_upload client_MBps=$(awk -v s="$(median "${client[@]}")" -v b="$bytes" 'BEGIN { printf "%.0f", b / s / 1e6 }')" \
     "curl_MBps=$(awk -v s="$(median "${curl_side[@]}")" -v b="$bytes" 'BEGIN { printf "%.0f", b / s / 1e6 }')" \
     "ratio=$(median "${ratios[@]}")" "low=$(printf '%s\n' "${ratios[@]}" | sort -g | head -n 1)" \
-    "high=$(printf '%s\n' "${ratios[@]}" | sort -g | tail -n 1)" >>"$results"
+    "high=$(printf '%s\n' "${ratios[@]}" | sort -g | tail -n 1)" \
+    "tls_MBps=$(awk -v s="$(median "${tls[@]}")" -v b="$tls_bytes" 'BEGIN { printf "%.0f", b / s / 1e6 }')" \
+    "plain_MBps=$(awk -v s="$(median "${plain[@]}")" -v b="$tls_bytes" 'BEGIN { printf "%.0f", b / s / 1e6 }')" \
+    "tls_ratio=$(median "${tls_ratios[@]}")" >>"$results"

@@ -3,7 +3,9 @@
 # and printed as one table. Under emulation only ratios mean something.
 #   - boot: qemu's start to lighttpd answering;
 #   - a 16 MiB update: from the upload's start to the POST's end, to the
-#     guest's kernel starting again, and to the page answering again;
+#     guest's kernel starting again, and to the page answering again; over
+#     HTTPS as the device serves, and over plain HTTP (the benchmark image's
+#     plain port serves instead of redirecting);
 #   - lock-state and progress requests/s through the device's lighttpd (wrk
 #     from the host, through qemu's port forward), in the receiving state,
 #     against a minimal C CGI on the same machine. The benchmark image adds
@@ -29,12 +31,16 @@ $HTTP["url"] == "/cgi-bin/updater" {
     }
 }
 CONF
+# The device's main configuration without the plain port's redirect.
+mkdir -p "$overlay/etc/lighttpd"
+awk '/^\$HTTP\["scheme"\] == "http" \{/ { skip = 1 } !skip { print } skip && /^}/ { skip = 0 }' \
+    deploy/device/lighttpd.conf >"$overlay/etc/lighttpd/lighttpd.conf"
 
 scripts/device start --run "$run" --overlay "$overlay"
 slow=
 trap '[ -z "$slow" ] || kill "$slow"; scripts/device stop --run "$run"' EXIT
 trap 'exit 1' INT TERM
-base=http://127.0.0.1:$(cat "$run/port")
+base=https://127.0.0.1:$(cat "$run/port") CACERT=$run/cert.pem
 cgi=$base/cgi-bin/updater
 # Signed in, with the page's header: page() of the end-to-end helpers.
 AUTH=$(cat "$run/credentials")
@@ -51,7 +57,7 @@ answer() { page -i "$cgi?$1" | tr -d '\r' | awk '/^HTTP\// { out = "" } !/^Date:
 # progress request that sees it takes the lock.
 head -c $((64 * 1048576)) /dev/zero >"$work/slow.bin"
 # curl itself is the job, so that $! is its pid.
-curl -sS -o /dev/null --digest -u "$AUTH" -H 'X-Updater-Page: 1' --limit-rate 100K \
+curl -sS --http1.1 --cacert "$CACERT" -o /dev/null --digest -u "$AUTH" -H 'X-Updater-Page: 1' --limit-rate 100K \
     -F "package=@$work/slow.bin" "$cgi" &
 slow=$!
 for _ in $(seq 60); do
@@ -97,23 +103,33 @@ for _ in $(seq 30); do
 done
 [ "$(answer status=1 | tail -n 1)" = STATUS_FREE ] || { echo "bench: the lock outlived the slow upload" >&2; exit 1; }
 
-# ---- a 16 MiB update to the reboot ------------------------------------------------
+# ---- a 16 MiB update to the reboot, over HTTPS and over plain HTTP ----------------
 tests/device/make-package 9.9 $((16 * 1048576)) "$work/update.tar"
-start=$(now)
-page -o /dev/null -w '%{time_total}\n' --max-time 300 -F "package=@$work/update.tar" "$cgi" \
-    >"$work/update.post" 2>/dev/null &
-until [ "$(boots)" -ge 2 ]; do
-    [ $(($(now) - start)) -lt 600000000000 ] || { echo "bench: no reboot" >&2; exit 1; }
-    sleep 0.2
-done
-rebooted=$(now)
-until [ "$(curl -s -o /dev/null -m 5 -w '%{http_code}' "$base/version.txt")" = 200 ]; do
-    [ $(($(now) - start)) -lt 900000000000 ] || { echo "bench: not back" >&2; exit 1; }
-    sleep 0.5
-done
-back=$(now)
+# Prints "POST-seconds to-kernel-seconds to-answer-seconds"; the package
+# must be installed.
+update_to_reboot() {  # base-url
+    local start rebooted back booted
+    booted=$(boots) start=$(now)
+    page -o /dev/null -w '%{time_total}\n' --max-time 300 -F "package=@$work/update.tar" "$1/cgi-bin/updater" \
+        >"$work/update.post" 2>/dev/null &
+    until [ "$(boots)" -gt "$booted" ]; do
+        [ $(($(now) - start)) -lt 600000000000 ] || { echo "bench: no reboot" >&2; exit 1; }
+        sleep 0.2
+    done
+    rebooted=$(now)
+    until [ "$(curl -s --cacert "$CACERT" -o /dev/null -m 5 -w '%{http_code}' "$base/version.txt")" = 200 ]; do
+        [ $(($(now) - start)) -lt 900000000000 ] || { echo "bench: not back" >&2; exit 1; }
+        sleep 0.5
+    done
+    back=$(now)
+    wait
+    [ "$(curl -sS --cacert "$CACERT" "$base/version.txt")" = 9.9 ] || { echo "bench: the update did not install" >&2; exit 1; }
+    echo "$(printf '%.1f' "$(cat "$work/update.post")") $(seconds "$start" "$rebooted") $(seconds "$start" "$back")"
+}
+read -r post_s kernel_s back_s < <(update_to_reboot "$base")
 page "$base/update/last/updater-cgi.log" >"$work/update.log"
-[ "$(curl -sS "$base/version.txt")" = 9.9 ] || { echo "bench: the update did not install" >&2; exit 1; }
+read -r plain_post_s plain_kernel_s plain_back_s < <(update_to_reboot "http://127.0.0.1:$(cat "$run/plain-port")")
+[ -n "$back_s" ] && [ -n "$plain_back_s" ] || exit 1
 
 # ---- table ------------------------------------------------------------------------
 row() { printf '| %s | %s | %s | %s |\n' "$@"; }
@@ -121,10 +137,11 @@ echo
 echo "| figure (emulated device: qemu-system-arm virt, Cortex-A15, 512 MiB) | updater | reference | ratio |"
 echo "|---|---|---|---|"
 row "boot to lighttpd answering" "$(cat "$run/boot-seconds") s" "" ""
-row "16 MiB update, upload start to the POST's end (answered, or cut by the shutdown)" \
-    "$(printf '%.1f' "$(cat "$work/update.post")") s" "" ""
-row "the same, to the kernel starting again" "$(seconds "$start" "$rebooted") s" "" ""
-row "the same, to the web server answering again" "$(seconds "$start" "$back") s" "" ""
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
+row "16 MiB update over HTTPS, upload start to the POST's end (answered, or cut by the shutdown)" \
+    "$post_s s" "plain HTTP $plain_post_s s" "$(ratio "$plain_post_s" "$post_s")"
+row "the same, to the kernel starting again" "$kernel_s s" "plain HTTP $plain_kernel_s s" "$(ratio "$plain_kernel_s" "$kernel_s")"
+row "the same, to the web server answering again" "$back_s s" "plain HTTP $plain_back_s s" "$(ratio "$plain_back_s" "$back_s")"
 for query in status=1 request=1; do
     u=$(median <<<"${runs[$query]}") m=$(median <<<"${runs[$query.minimal]}")
     name=lock-state

@@ -21,6 +21,8 @@ client=$tree/src/client/update-device
 roots=() urls=()
 stop_all() { for r in "${roots[@]}"; do ROOT=$r device_stop; done; }
 trap stop_all EXIT
+# Each device root has its own key: known at the first contact.
+rm -f "$tree/fleet.known"
 for i in $(seq "$count"); do
     device_init "fleet_$i"
     [ "$i" = 1 ] || echo "$AUTH" >"$ROOT/credentials"
@@ -53,6 +55,7 @@ reboot_all() {
 run() {  # URLs...
     local start=$EPOCHREALTIME
     /usr/bin/time -f %M -o "$tree/fleet.rss" "$client" --user "${AUTH%%:*}" --no-wait \
+        --known-devices "$tree/fleet.known" \
         --parallel "$count" "$@" "$pkg" >"$tree/fleet.out" 2>&1 ||
         { echo "bench-fleet: the client failed:" && tail -n 20 "$tree/fleet.out"; } >&2
     echo "$start $EPOCHREALTIME $(tail -n 1 "$tree/fleet.rss")" | awk '{ printf "%.3f %s\n", $2 - $1, $3 }'

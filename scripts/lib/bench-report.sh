@@ -131,6 +131,12 @@ END {
             fmt("%.0f MB/s", get("client_upload", "client_MBps")),
             fmt("curl -F %.0f MB/s", get("client_upload", "curl_MBps")), fmt("%.3f", r),
             ">= 0.95", verdict(r >= 0.95));
+    r = get("client_upload", "tls_ratio");
+    if (r != "")
+        row("upload of a 256 MiB package over HTTPS against plain HTTP, update-device, same lighttpd",
+            fmt("%.0f MB/s", get("client_upload", "tls_MBps")),
+            fmt("plain HTTP %.0f MB/s", get("client_upload", "plain_MBps")), fmt("%.2f", r),
+            ">= 0.8", verdict(r >= 0.8));
     n = get("client_fleet", "devices");
     if (n != "") {
         r = get("client_fleet", "ratio");

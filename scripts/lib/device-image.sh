@@ -114,6 +114,9 @@ device_files=(
     "deploy/device/sudoers:/etc/sudoers.d/updater:440"
     "deploy/device/tmpfiles.conf:/etc/tmpfiles.d/updater.conf:644"
     "deploy/device/network:/etc/systemd/network/20-wired.network:644"
+    "deploy/device/device-certificate:/usr/local/sbin/device-certificate:755"
+    "deploy/device/device-certificate.service:/etc/systemd/system/device-certificate.service:644"
+    "deploy/device/nftables.conf:/etc/nftables.conf:755"
     "tests/device/uci:/sbin/uci:755"
     "tests/device/preupdate.sh:/usr/local/sbin/preupdate.sh:755"
     "tests/device/application:/etc/init.d/application:755"
@@ -172,7 +175,8 @@ make_image() {  # dir base-dir deb [overlay]
     ln -s /tolven/local/firmware/current/version "$r/www/version.txt"
     ln -s /tolven/local/firmware/current "$r/www/firmware"
     [ -z "$overlay" ] || cp -R --no-preserve=ownership "$overlay/." "$r/"
-    chroot "$r" systemctl -q enable systemd-networkd application lighttpd 2>>"$tmp/dpkg.log"
+    chroot "$r" systemctl -q enable systemd-networkd application lighttpd device-certificate nftables \
+        2>>"$tmp/dpkg.log"
     # Nobody logs in (the serial console only shows the kernel's start), and
     # the root file system is checked at boot: no gettys, no e2scrub.
     chroot "$r" systemctl -q mask getty.target

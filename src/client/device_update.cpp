@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "interrupt.h"
+#include "known_devices.h"
 #include "log_follower.h"
 #include "package_upload.h"
 #include "progress_text.h"
@@ -148,13 +149,17 @@ class device_update {
                                         " s; the outcome is unknown"};
         }
         const http_answer& answer = post.answer();
-        if (answer.reached() && answer.code != 200) return answer.failure();
+        // A 503 is a refusal before the update: the device runs another one,
+        // or could not start the program.
+        if (answer.reached() && answer.code != 200) {
+            return answer.failure().safe_to_retry(answer.code == 503);
+        }
         if (!post.body_sent()) return lost_upload(post);
         // The POST ended without a final entry in the polls: the saved copy
         // tells, if it was written by this update. Its success with the
         // device restarted means the reboot after the copy has happened.
         outcome verdict = saved_log_verdict(polls_, saved_before_);
-        if (verdict.ok() && restarted_) return {};
+        if (verdict.ok() && restarted_) return verdict;
         return verdict.ok() ? succeeded(post) : verdict;
     }
 
@@ -208,5 +213,10 @@ class device_update {
 
 outcome update_device(const std::string& url, const update_settings& settings,
                       update_report& report) {
-    return device_update(url, settings, report).run();
+    const std::string& known_devices = settings.connection.known_devices;
+    if (known_devices.empty()) return device_update(url, settings, report).run();
+    update_settings pinned = settings;
+    const outcome known = known_device_pin(url, known_devices, pinned.connection.pin, report);
+    if (!known.ok()) return known;
+    return device_update(url, pinned, report).run();
 }

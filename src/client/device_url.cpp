@@ -12,7 +12,8 @@ device_url refused(const std::string& why) {
 }
 
 using url_handle = std::unique_ptr<CURLU, decltype(&curl_url_cleanup)>;
-constexpr char plain_scheme[] = "http://";
+// Devices serve HTTPS; their plain port only redirects.
+constexpr char default_scheme[] = "https://";
 constexpr char page_path[] = "/update";
 
 std::string lower(std::string text) {
@@ -42,7 +43,7 @@ std::string base_path(std::string path) {
 }  // namespace
 
 device_url device_url::parse(const std::string& text) {
-    const std::string full = text.find("://") == std::string::npos ? plain_scheme + text : text;
+    const std::string full = text.find("://") == std::string::npos ? default_scheme + text : text;
     // libcurl reads "http:///x" as host "x".
     if (full.compare(full.find("://"), 4, ":///") == 0) return refused("no host in " + text);
     url_handle url(curl_url(), curl_url_cleanup);
@@ -69,6 +70,6 @@ device_url device_url::parse(const std::string& text) {
 }
 
 std::string device_label(const std::string& url) {
-    const size_t scheme = sizeof plain_scheme - 1;
-    return url.compare(0, scheme, plain_scheme) == 0 ? url.substr(scheme) : url;
+    const size_t scheme = url.find("://");
+    return scheme == std::string::npos ? url : url.substr(scheme + 3);
 }

@@ -20,7 +20,9 @@ constexpr status_row rows[] = {
     {EXIT_UNREACHABLE, "unreachable", "the device does not answer"},
     {EXIT_WRONG_PASSWORD, "wrong password", "the device refuses the user or password (401)"},
     {EXIT_REFUSED, "refused", "the device refuses the request (403)"},
-    {EXIT_BUSY, "busy", "another update runs on the device; nothing was installed"},
+    {EXIT_BUSY, "busy",
+     "another update runs on the device (its lock state, or the busy answer to the POST); nothing "
+     "was installed"},
     {EXIT_UPLOAD_LOST, "upload lost", "the connection was lost during the upload"},
     {EXIT_NOT_BACK, "not back", "the device did not restart and answer again in time"},
     {EXIT_UNEXPECTED_ANSWER, "unexpected",
@@ -29,6 +31,11 @@ constexpr status_row rows[] = {
      "the update ended without a success or error entry, or the saved log does not say success"},
     {EXIT_INTERRUPTED, "interrupted",
      "stopped by a signal (Ctrl-C); an upload under way is cancelled, the device left free"},
+    {EXIT_UNTRUSTED, "untrusted",
+     "the device's certificate is not trusted (HTTPS); nothing was sent"},
+    {EXIT_KEY_CHANGED, "key changed",
+     "the device's key is not the pinned one or the one its first contact recorded; "
+     "nothing was sent"},
     {EXIT_DEVICE_ERROR, "device error",
      "the device's update ended with an error it has no number for"},
 };

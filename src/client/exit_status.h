@@ -19,6 +19,8 @@ enum exit_status : int {
     EXIT_UNEXPECTED_ANSWER = 10,
     EXIT_NO_RESULT = 11,
     EXIT_INTERRUPTED = 12,
+    EXIT_UNTRUSTED = 13,
+    EXIT_KEY_CHANGED = 14,
     // The device's own error N ends with EXIT_DEVICE_ERROR + N (N = 1..10);
     // an error entry the client does not know ends with EXIT_DEVICE_ERROR.
     EXIT_DEVICE_ERROR = 20,

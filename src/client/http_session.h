@@ -16,6 +16,14 @@ struct connection_settings {
     long connect_timeout_ms = 5000;
     std::string proxy;    // empty: curl's proxy variables
     std::string noproxy;  // hosts reached without a proxy
+    // How a device's certificate is trusted over HTTPS: by the system's
+    // certificate authorities and the URL's name; by the certificates of
+    // `ca_file` and the name (--cacert); or by the digest of the device's
+    // public key alone, whatever its certificate says (--pin, or the
+    // known-devices file's record, trust on first use).
+    std::string ca_file;
+    std::string pin;  // "sha256//BASE64" of the key's SubjectPublicKeyInfo
+    std::string known_devices;
 };
 
 // What a request brought back: a transport failure, or an HTTP status with

@@ -7,7 +7,7 @@ namespace {
 constexpr int receiving_percent = 10;
 
 bool from_update(const log_entry& entry) {
-    return entry.success || entry.error || entry.percent < 1 || entry.percent > receiving_percent;
+    return entry.success || entry.error || entry.percent < 0 || entry.percent > receiving_percent;
 }
 }  // namespace
 

@@ -146,6 +146,26 @@ const option_row option_table[] = {
          }
          return "--connect-timeout takes seconds, 0.001 to " + std::to_string(longest_timeout_s);
      }},
+    {"--cacert", 0, "FILE",
+     "trust an https:// device whose certificate FILE holds (or signs) for the URL's name",
+     [](parsed& p, const std::string& v) -> std::string {
+         p.out.update.connection.ca_file = v;
+         return "";
+     }},
+    {"--pin", 0, "sha256//BASE64",
+     "trust an https:// device by the digest of its public key alone, as curl --pinnedpubkey",
+     [](parsed& p, const std::string& v) -> std::string {
+         if (v.compare(0, 8, "sha256//") != 0) return "--pin takes sha256//BASE64";
+         p.out.update.connection.pin = v;
+         return "";
+     }},
+    {"--known-devices", 0, "FILE",
+     "trust on first use, as ssh: record each https:// device's key in FILE at the first "
+     "contact, and refuse a device whose key differs later",
+     [](parsed& p, const std::string& v) -> std::string {
+         p.out.update.connection.known_devices = v;
+         return "";
+     }},
     {"--proxy", 0, "URL",
      "reach the devices through this proxy; without it the variables http_proxy, https_proxy "
      "and no_proxy apply, as for curl",

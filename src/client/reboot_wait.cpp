@@ -38,7 +38,10 @@ outcome await_restart(const std::string& url, const connection_settings& how, pa
                     "has succeeded"};
         }
         const bool lost = post.wait(std::chrono::milliseconds(0)) && !post.answer().reached();
-        const bool answers = session->head(device_path::page).ok();
+        const http_answer page = session->head(device_path::page);
+        // The device comes back with the key it had: its own, made once.
+        if (page.transport == CURLE_SSL_PINNEDPUBKEYNOTMATCH) return page.failure();
+        const bool answers = page.ok();
         if (!answers) session = std::make_unique<http_session>(url, how);
         if (answers && down) break;
         if ((lost || !answers) && !down) {

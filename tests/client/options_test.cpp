@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "device_url.h"
 #include "exit_status.h"
 #include "options.h"
@@ -33,14 +35,15 @@ TEST(client_options, rate_limit_units) {
     EXPECT_EQ(rate_of("4M"), 4 * 1048576);
     EXPECT_EQ(rate_of("1.5M"), 3 * 524288);
     EXPECT_EQ(rate_of("1G"), 1073741824);
-    for (const char* refused : {"0", "K", "-5", "4MB", "1.5X", "0.1", "2000G", ""})
+    EXPECT_EQ(rate_of("1024G"), 1099511627776);
+    for (const char* refused : {"0", "K", "-5", "+5", "4MB", "1.5X", "0.1", "2000G", ""})
         EXPECT_EQ(rate_of(refused), -1) << refused;
 }
 
 // Two spellings of one device are one URL; what is no device is refused.
 TEST(client_options, device_urls) {
     const std::pair<const char*, const char*> rows[] = {
-        {"10.0.0.2", "http://10.0.0.2"},
+        {"10.0.0.2", "https://10.0.0.2"},
         {"HTTP://Device.Lan:80/update/", "http://device.lan"},
         {"https://d:8443/update/index.html/", "https://d:8443/update/index.html"},
         {"https://d:443/", "https://d"},
@@ -59,8 +62,8 @@ TEST(client_options, device_urls) {
 // and mistakes caught with a message naming them.
 TEST(client_options, command_lines) {
     options out;
-    EXPECT_EQ(parsed({"--parallel=2", "http://d", "http://d/", "D/update", "e", "pkg"}, out), "");
-    EXPECT_EQ(out.urls, (std::vector<std::string>{"http://d", "http://e"}));
+    EXPECT_EQ(parsed({"--parallel=2", "https://d", "https://d/", "D/update", "e", "pkg"}, out), "");
+    EXPECT_EQ(out.urls, (std::vector<std::string>{"https://d", "https://e"}));
     EXPECT_EQ(out.notes.size(), 2u);
     EXPECT_EQ(out.update.package, "pkg");
 
@@ -73,6 +76,8 @@ TEST(client_options, command_lines) {
         {{"--retry", "-1", "d", "pkg"}, "--retry takes a number"},
         {{"--connect-timeout", "0", "d", "pkg"}, "--connect-timeout takes seconds"},
         {{"pkg"}, "no device given"},
+        {{"--devices", "/nonexistent", "d", "pkg"}, "cannot read the devices file"},
+        {{"-u", "a", "--password-file", "/nonexistent", "d", "pkg"}, "cannot read the password file"},
         {{"ftp://d", "pkg"}, "not an http or https URL: ftp://d"},
         {{"--netrc-file", "n", "-u", "a", "d", "pkg"}, "--netrc-file names each device's user"},
     };
@@ -107,8 +112,15 @@ TEST(client_update_log, entries) {
     EXPECT_EQ(entries[4].error_message(), "installation failed");
 }
 
-// --help lists each of the device's errors once, the last one included.
+// --help lists each of the device's errors once, the last one included; its
+// options fit a terminal of 80 columns (help2man reads them too).
 TEST(client_options, help_lists_every_device_error) {
+    std::istringstream help(usage_text());
+    std::string line;
+    while (std::getline(help, line) && line != "Options:") {
+    }
+    while (std::getline(help, line) && !line.empty())
+        EXPECT_LT(line.size(), 80u) << line;
     const std::string table = exit_status_table();
     size_t count = 0;
     for (size_t at = table.find("the device's error "); at != std::string::npos;

@@ -1,28 +1,32 @@
 #!/usr/bin/env bash
 # One case of the table below: update-device, signed in, against a real
 # lighttpd in a device root: its exit status, a line of its output, and the
-# device left as it should be (never locked by the client).
+# device left as it should be (never locked by the client). Over HTTPS,
+# trusting the device's certificate (--cacert) unless a case says otherwise.
 set -uo pipefail
 . "$(dirname "$0")/../e2e/lib.sh"
 name=$1
 
 #  case          | before         | during      | client options         | status | output has (texts split by ';')
 table="
-success          | slow_preupdate | play_reboot | --timeout 30 --limit-rate 4M | 0 | of 8.0 MiB; the device is back
-installer_fails  | installer_fails | -          |                        | 25 | (error 5): installation failed
-disabled         | disabled       | -           |                        | 29 | (error 9): update feature is disabled
+success          | slow_preupdate | play_reboot | --timeout 30 --limit-rate 2M | 0 | of 8.0 MiB; firmware successfully loaded; the device is back
+installer_fails  | installer_fails first_contact | - |                 | 25 | (error 5): installation failed; first contact: recorded
+disabled         | disabled pinned | -          |                        | 29 | (error 9): update feature is disabled
+untrusted        | untrusted      | -           |                        | 13 | certificate is not trusted
+key_changed      | other_key      | -           |                        | 14 | the device's key has changed: 
 busy             | busy           | -           |                        | 7  | device busy
 busy_post        | -              | other_post  | --limit-rate 4M        | 7  | another update is running; the package was not installed
 wrong_password   | wrong_password | -           |                        | 5  | wrong user or password
 cut_upload       | -              | cut_upload  | --limit-rate 4M        | 8  | connection lost during the upload
-two_devices      | second_device  | -           | --no-wait --parallel 2 | 1  | device error
-interrupt_two    | second_device  | interrupt   | --limit-rate 1M --parallel 2 | 12 | interrupted during the upload
-netrc_json       | netrc_devices  | -           | --json --no-wait --parallel 2 | 1 | installation failed
+two_devices      | second_device first_contact | - | --no-wait --parallel 2 | 1  | device error
+interrupt_two    | second_device first_contact | interrupt | --limit-rate 1M --parallel 2 | 12 | interrupted during the upload
+netrc_json       | netrc_devices first_contact | - | --json --no-wait --parallel 2 | 1 | installation failed
 unreachable      | no_server      | -           | --retry 1              | 4  | device unreachable; trying again in 1 s
 wrong_scheme     | wrong_scheme   | -           |                        | 10 | request failed
 interrupt_twice  | hung_server    | interrupt_twice |                    | 12 | asking the device's lock state
-late_device      | late_device    | come_up_late | --wait-online 30 --no-wait | 0 | waiting up to 30 s for the device; the next update must wait for it
+late_device      | late_device first_contact | come_up_late | --wait-online 30 --no-wait | 0 | waiting up to 30 s for the device; the next update must wait for it
 busy_then_free   | busy           | free_later  | --retry 3 --no-wait    | 0  | device busy: another update is running; nothing was sent; trying again in 1 s
+stuck_installer  | stuck_installer | -          | --timeout 2            | 11 | log has not moved for 2 s
 no_second_post   | slow_installer | power_cut   | --retry 3 --timeout 4  | 11 | no saved log of the last update; the outcome is unknown
 no_package       | no_package     | -           |                        | 3  | cannot read the package
 refused_early    | refused_early  | -           |                        | 3  | is empty"
@@ -38,7 +42,7 @@ device_init "client_$name"
 package $((8 << 20))
 pkg=$ROOT/pkg
 case $before in no_server | late_device) ;; *) device_start || exit 1 ;; esac
-auth=${AUTH:-} && urls=("${BASE:-}") user=${auth%%:*} password=${auth#*:}
+auth=${AUTH:-} && urls=("${BASE:-}") user=${auth%%:*} password=${auth#*:} trust=(--cacert "${CACERT:-}")
 trap 'stop_second; device_stop' EXIT
 stop_second() { :; }
 
@@ -64,7 +68,7 @@ no_package() { pkg=$ROOT/missing.bin; }
 # empty package.
 refused_early() {
     local bad=$ROOT/bad && mkdir -p "$bad" && : >"$bad/empty.pkg" && pkg=$bad/empty.pkg
-    printf '%s/update/   # station 1\n\nftp://%s\n' "$BASE" "${BASE#http://}" >"$bad/devices"
+    printf '%s/update/   # station 1\n\nftp://%s\n' "$BASE" "${BASE#https://}" >"$bad/devices"
     echo 'machine other.lan login a password b' >"$bad/netrc"
     while IFS='|' read -r want text args; do
         eval "set -- $args"
@@ -81,16 +85,24 @@ ROWS
 }
 slow_preupdate() { echo 1 >"$ROOT/fake/preupdate-delay" && echo 2 >"$ROOT/fake/installer-delay"; }
 slow_installer() { echo 3 >"$ROOT/fake/installer-delay"; }
+stuck_installer() { echo 8 >"$ROOT/fake/installer-delay"; }  # the client leaves it running
 late_device() {  # nothing answers on its port for 2 s
     echo "engineer-late:late-password" >"$ROOT/credentials" && user=engineer-late password=late-password
-    PORT=$((20000 + (RANDOM * 32768 + RANDOM) % 12000)) && urls=("http://127.0.0.1:$PORT")
+    PORT=$((20000 + (RANDOM * 32768 + RANDOM) % 12000)) && urls=("https://127.0.0.1:$PORT")
 }
 come_up_late() { sleep 2 && device_start --port "$PORT"; }
-free_later() { sleep 1.5 && rm "$ROOT"/var-tmp/lighttpd-upload-other && lock_state >/dev/null; }
+free_later() {  # the other upload stops, its log entries stay: none of them may show
+    sleep 1.5 && printf '[001.500:10] the other upload<br>' >>"$ROOT/var-log/updater-cgi.log"
+    rm "$ROOT"/var-tmp/lighttpd-upload-other && lock_state >/dev/null
+}
 # The device goes down while it installs and comes back: the update began,
 # so the client must not post the package again.
 power_cut() { wait_for 60 log_has 'installing package file' && sleep 1 && device_reboot 1; }
 interrupt() { wait_for 20 has_upload_file && kill -INT "$client"; }
+untrusted() { trust=(); }
+pinned() { trust=(--pin "$PIN"); }
+first_contact() { trust=(--known-devices "$ROOT/known"); }
+other_key() { echo "${BASE#https://} sha256//$(head -c 32 /dev/urandom | base64)" >"$ROOT/known" && first_contact; }
 # Another client's small package, sent while this one's is on its way, is in first.
 other_post() {
     wait_for 20 has_upload_file && head -c 1000 /dev/urandom >"$ROOT/other" &&
@@ -128,9 +140,9 @@ netrc_devices() {
     urls=(--netrc-file "$ROOT/netrc" "$BASE" "$(sed 's/127.0.0.1/localhost/' "$second/server/url")") user=
 }
 
-$before
+for step in $before; do $step; done
 # shellcheck disable=SC2086 # options are words
-UPDATE_DEVICE_PASSWORD=$password "$CLIENT_BIN" ${user:+--user "$user"} $options "${urls[@]}" "$pkg" \
+UPDATE_DEVICE_PASSWORD=$password "$CLIENT_BIN" ${user:+--user "$user"} "${trust[@]}" $options "${urls[@]}" "$pkg" \
     >"$ROOT/client.out" 2>&1 &
 client=$!
 $during
@@ -145,8 +157,11 @@ done
 case $name in
     success)
         check "$name: the installer got the package" "$installed" "$(grep '^updater' "$ROOT/fake/record")"
-        check "$name: each entry shown once" "" "$(grep '^\[' "$ROOT/client.out" | sort | uniq -d)" ;;
-    busy | wrong_password)
+        check "$name: each entry shown once" "" "$(grep '^\[' "$ROOT/client.out" | sort | uniq -d)"
+        check "$name: an upload line a tenth" "" "$(grep -o '^upload [0-9]*' "$ROOT/client.out" | awk '{ print int($2 / 10) }' | uniq -d)" ;;
+    installer_fails)
+        check "$name: the first contact recorded the device's key" "${BASE#https://} $PIN" "$(cat "$ROOT/known")" ;;
+    busy | wrong_password | untrusted | key_changed)
         check "$name: nothing was posted" "" "$(grep '^uci' "$ROOT/fake/record")" ;;&
     busy)
         check "$name: the other upload keeps its lock" STATUS_BUSY "$(lock_state)" ;;
@@ -165,15 +180,17 @@ case $name in
             "$(results '"\(.package.sha256) \(.package.size)"' | xargs -n2 | sort -u)"
         check "$name: the phases' times" "true true" "$(results '.phases | has("upload") and has("final_entry")')"
         check "$name: the installers got it" "$installed$installed" "$(grep -h '^updater' "$ROOT/fake/record" "$second/fake/record" | tr -d '\n')" ;;
+    busy_then_free)
+        check "$name: only this update's entries" 0 "$(grep -c 'the other upload' "$ROOT/client.out")" ;;
     no_second_post)
         check "$name: one POST only" 1 "$(grep -c '^uci' "$ROOT/fake/record")" ;;
     refused_early)
         check "$name: no request reached the device" "" "$(ls "$ROOT/var-log")" ;;
     two_devices)
-        check_true "$name: a table row for each" grep -qE "^${BASE#http://} +success" "$ROOT/client.out"
+        check_true "$name: a table row for each" grep -qE "^${BASE#https://} +success" "$ROOT/client.out"
         check "$name: the second device failed" 1 "$(grep -cE '^127.* +device error +.*error 5' "$ROOT/client.out")" ;;
 esac
-if [ "$before" != busy ] && [ "$before" != no_server ] && [ "$name" != busy_post ]; then
+if [ "$before" != busy ] && [ "$before" != no_server ] && [ "$before" != stuck_installer ] && [ "$name" != busy_post ]; then
     check "$name: no lock left" no "$([ -e "$ROOT/var-log/updater-cgi.lock" ] && echo yes || echo no)"
 fi
 [ "$failed" -eq 0 ] || cat "$ROOT/client.out"

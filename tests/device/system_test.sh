@@ -2,28 +2,35 @@
 # The emulated device from the host, the way a person and the update page
 # use it (scripts/device makes and boots it, from the cached image): the
 # page loads, signed in; the page's browser test runs on the fresh device;
-# two update-device runs post a valid package at once: one follows the log
-# to the success entry, the other is told the device is busy; the guest
-# reboots once (its kernel starts again on the console); then the new
-# firmware is installed and the saved log and trace are served. An invalid package then ends in the installer's error,
-# without a reboot, the firmware unchanged.
-# Usage: tests/device/system_test.sh [--deb FILE]    (as root)
+# two update-device runs, trusting the device by the key its first boot made
+# (--pin), post a valid package at once: one takes it through to the reboot
+# (the guest's kernel starts again on the console, once) and the saved log,
+# the other is told the device is busy; the device comes back with the
+# same certificate, the new firmware installed, the saved log and trace
+# served. A client pinned to another key sends nothing. An invalid package
+# then ends in the installer's error, without a reboot, the firmware
+# unchanged. All over HTTPS; the plain port only redirects.
+# Usage: tests/device/system_test.sh [--deb FILE]    (as root; update-device
+# from build/native, or CLIENT_BIN)
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 src=$(cd "$here/../.." && pwd)
 . "$src/tests/e2e/lib.sh"
+client=${CLIENT_BIN:-$src/build/native/src/client/update-device}
+[ -x "$client" ] || { echo "system_test: no update-device at $client (build/native first)" >&2; exit 1; }
 run=$src/build/device-test
 work=$run/work
 mkdir -p "$work"
 "$src/scripts/device" start --run "$run" "$@" || exit 1
 trap '"$src/scripts/device" stop --run "$run"' EXIT
 trap 'exit 1' INT TERM
-BASE=http://127.0.0.1:$(cat "$run/port") AUTH=$(cat "$run/credentials")
+BASE=https://127.0.0.1:$(cat "$run/port") AUTH=$(cat "$run/credentials") CACERT=$run/cert.pem
+PLAIN=http://127.0.0.1:$(cat "$run/plain-port")
 CGI=$BASE/cgi-bin/updater
 boots() { grep -c '] Linux version' "$run/serial.log"; }
 rebooted() { [ "$(boots)" -gt "$booted" ]; }
-answers() { [ "$(curl -s -o /dev/null -m 5 -w '%{http_code}' "$BASE/version.txt")" = 200 ]; }
-firmware() { curl -sS --max-time 10 "$BASE/version.txt"; }
+answers() { [ "$(curl -s --cacert "$CACERT" -o /dev/null -m 5 -w '%{http_code}' "$BASE/version.txt")" = 200 ]; }
+firmware() { curl -sS --cacert "$CACERT" --max-time 10 "$BASE/version.txt"; }
 saved_log() { page "$BASE/update/last/updater-cgi.log" | sed 's/\[[0-9.]*/[T/g; s/<br>/&\n/g' | sed '/^$/d' | tail -n 1; }
 
 # Posts the package as the page does and polls the progress meanwhile, one
@@ -41,7 +48,9 @@ update() {  # package
 }
 polls_saw() { grep -q -- "$1" "$work/polls"; }
 
-check "the page asks to sign in" 401 "$(curl -s -o /dev/null -w '%{http_code}' "$BASE/update/")"
+check "the page asks to sign in" 401 "$(curl -s --cacert "$CACERT" -o /dev/null -w '%{http_code}' "$BASE/update/")"
+check "the plain port only redirects" "301 https://127.0.0.1/update/" \
+    "$(curl -s -o /dev/null -w '%{http_code} %{redirect_url}' "$PLAIN/update/")"
 check "the page loads, signed in" 200 "$(page -o /dev/null -w '%{http_code}' "$BASE/update/")"
 check "firmware 1.0 is installed" 1.0 "$(firmware)"
 check "the device is free" STATUS_FREE "$(lock_state)"
@@ -62,19 +71,20 @@ check "firmware 1.5 is installed" 1.5 "$(firmware)"
 # a package that lighttpd keeps in memory (no poll takes the lock for it):
 # one installs it and sees the device back, the other is told it is busy.
 "$here/make-package" 2.0 $((48 * 1024)) "$work/firmware-2.0.tar"
-started=$SECONDS booted=$(boots)
-clients=()
+started=$SECONDS booted=$(boots) clients=()
 for k in 1 2; do
-    UPDATE_DEVICE_PASSWORD=${AUTH#*:} "${CLIENT_BIN:-$src/build/native/src/client/update-device}" \
-        --user "${AUTH%%:*}" --timeout 600 "$BASE" "$work/firmware-2.0.tar" >"$work/client.$k" 2>&1 &
+    UPDATE_DEVICE_PASSWORD=${AUTH#*:} "$client" --user "${AUTH%%:*}" --pin "$(cat "$run/pin")" --timeout 600 \
+        "$BASE" "$work/firmware-2.0.tar" >"$work/client.$k" 2>&1 &
     clients+=($!)
 done
 for k in 0 1; do wait "${clients[k]}"; clients[k]=$?; done
-check "two clients at once: one updates, the other is told busy (build/device-test/work/client.*)" \
+check "update-device --pin twice at once: one updated, back, the saved log says success; one busy (work/client.*)" \
     "0 7" "$(printf '%s\n' "${clients[@]}" | sort -n | paste -sd' ')"
-check_true "it followed the update to the success entry" grep -q 'firmware successfully loaded' "$work"/client.*
-echo "     (upload start to the device back: $((SECONDS - started)) s)"
-check "the device rebooted once" $((booted + 1)) "$(boots)"
+check "the guest rebooted once: its kernel started again" $((booted + 1)) "$(boots)"
+check_true "the web server answers" wait_for 600 answers
+echo "     (upload start to the page back: $((SECONDS - started)) s)"
+check "the same certificate after the update's reboot" "$(cat "$run/cert.pem")" \
+    "$(openssl s_client -connect "${BASE#https://}" </dev/null 2>/dev/null | openssl x509)"
 check "firmware 2.0 is installed" 2.0 "$(firmware)"
 booted=$(boots)
 check "the saved log ends in the success entry" \
@@ -83,6 +93,9 @@ check_true "the saved trace is served" \
     grep -q 'install completed' <(page "$BASE/update/last/updater-cgi.debug")
 
 "$here/make-package" 3.0 $((1048576)) "$work/firmware-3.0-corrupt.tar" corrupt
+UPDATE_DEVICE_PASSWORD=${AUTH#*:} "$client" --user "${AUTH%%:*}" --pin "sha256//$(head -c 32 /dev/urandom | base64)" \
+    "$BASE" "$work/firmware-3.0-corrupt.tar" >"$work/client-other-key.out" 2>&1
+check "a client pinned to another key: refused, exit 14" 14 $?
 check "an invalid package: the POST answers" 200 "$(update "$work/firmware-3.0-corrupt.tar")"
 check_true "the polls saw the installer's error" polls_saw 'ERROR: installation failed'
 check "the saved log ends in error 5" "[T:80] ERROR: installation failed<br>" "$(saved_log)"

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The update page and updater behind the real lighttpd, signed in, in a device
 # root: one scenario a run, named by the argument (one function each below).
-#   e2e.sh update|errors|window|small|abort|signin|race|browser
+#   e2e.sh update|errors|window|small|abort|signin|race|browser|tls|flood
 set -uo pipefail
 . "$(dirname "$0")/lib.sh"
 
@@ -172,6 +172,32 @@ scenario_race() {
     done
     check "one installer at a time, no reboot during one" "$(printf 'installer start installer end reboot %.0s' 1 2)" \
         "$(paste -sd' ' "$ROOT/fake/timeline") "
+}
+
+# TLS 1.2 and 1.3 with forward-secret AEAD suites only.
+scenario_tls() {
+    handshake() { openssl s_client -connect "${BASE#https://}" "$@" </dev/null >/dev/null 2>&1 && echo yes || echo no; }
+    check "TLS 1.3, 1.2 taken; 1.1, 1.0 refused" "yes yes no no" \
+        "$(handshake -tls1_3) $(handshake -tls1_2) $(handshake -tls1_1 -cipher ALL@SECLEVEL=0) $(handshake -tls1 -cipher ALL@SECLEVEL=0)"
+    local cipher weak=()
+    for cipher in AES128-SHA AES256-GCM-SHA384 ECDHE-ECDSA-AES128-SHA DES-CBC3-SHA ECDHE-ECDSA-RC4-SHA NULL-SHA256; do
+        [ "$(handshake -tls1_2 -cipher "$cipher@SECLEVEL=0")" = no ] || weak+=("$cipher")
+    done
+    check "no static-RSA, CBC, 3DES, RC4 or NULL suite" "" "${weak[*]}"
+    check "TLS 1.2 with ECDHE-ECDSA-AES128-GCM-SHA256" yes "$(handshake -tls1_2 -cipher ECDHE-ECDSA-AES128-GCM-SHA256)"
+}
+
+# One host's connections cannot lock out another host's signed-in user
+# (flood_start and flood_round in lib.sh).
+scenario_flood() {
+    [ "$(id -u)" = 0 ] || { echo "SKIP: network namespaces need root"; exit 77; }
+    device_stop && flood_start && trap flood_stop EXIT || return
+    local held status seconds
+    read -r held status seconds < <(flood_round)
+    echo "     2000 tried by the other host, $held held; the signed-in request: $status in $seconds s"
+    check "the other host holds no more connections than its cap" yes "$([ "$held" -le 32 ] && echo yes)"
+    check "a signed-in request from the first host answered within 2 s" "STATUS_FREE yes" \
+        "$status $(awk -v s="$seconds" 'BEGIN { print (s != "" && s < 2) ? "yes" : "no" }')"
 }
 
 # The page in chromium (browser/update_page.test.mjs); this side plays the

@@ -201,8 +201,33 @@ area_hostile() {  # repeats of the requests through lighttpd
     device_init signin && serve_counting && package 65536
     for ((k = 0; k < $1; k++)); do hostile_requests; done >"$ROOT/answers" && device_stop
     local reached=$(cat "$ROOT/fake/exits" 2>/dev/null | wc -l) wrong=$(awk '$1 != $2' "$ROOT/answers" | wc -l)
-    row "unauthenticated and cross-site requests through lighttpd" "$(verdict "reached + wrong == 0")" \
+    row "unauthenticated, cross-site, same-site and replayed requests through lighttpd" "$(verdict "reached + wrong == 0")" \
         "$(wc -l <"$ROOT/answers") tried, $reached reached the program; HTTP $(cut -d' ' -f2 "$ROOT/answers" | tally); $wrong answered otherwise"
+    # Framing: every answer of the page and the program, refusals included,
+    # keeps out of another page's frame.
+    device_init framing && device_start >/dev/null && local k url headers framable=0 answers=0
+    for ((k = 0; k < $1; k++)); do
+        for url in "$BASE/update/" "$BASE/update/update.js" "$CGI?status=1" "$CGI?request=1"; do
+            for headers in "$(page -D - -o /dev/null "$url")" "$(curl -sS --cacert "$CACERT" -D - -o /dev/null "$url")" \
+                "$(curl -sS --cacert "$CACERT" --digest -u "$AUTH" -D - -o /dev/null "$url")"; do
+                answers=$((answers + 1))
+                grep -qi '^x-frame-options: DENY' <<<"$headers" && grep -qi "frame-ancestors 'none'" <<<"$headers" ||
+                    framable=$((framable + 1))
+            done
+        done
+    done
+    device_stop
+    row "framing: answers of the page and the program (200, 401, 403)" "$(verdict "framable == 0")" \
+        "$answers answers, $framable without X-Frame-Options DENY or frame-ancestors 'none'"
+    # Connection floods: one host's 2,000 connections against another's
+    # signed-in request (network namespaces: root only).
+    [ "$(id -u)" = 0 ] || { row "connection floods from a second address" - "not run: needs root"; return; }
+    device_init flood && flood_start || { row "connection floods from a second address" FAIL "no device"; return; }
+    for ((k = 0; k < $1; k++)); do flood_round; done >"$ROOT/rounds"
+    flood_stop
+    local quick=$(awk '$2 == "STATUS_FREE" && $3 < 2' "$ROOT/rounds" | wc -l)
+    row "connection floods from a second address (2,000 each) against a signed-in request" "$(verdict "quick == $1")" \
+        "$quick/$1 answered within 2 s (seconds $(cut -d' ' -f3 "$ROOT/rounds" | median_max)); connections the flooding host held: $(cut -d' ' -f1 "$ROOT/rounds" | tally)"
 }
 
 "area_$AREA" "${@:2}"

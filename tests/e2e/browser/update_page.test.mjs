@@ -1,19 +1,24 @@
 // The update page in the system's chromium, against the device that
-// "e2e.sh browser" serves: another site's page tries to reach the program,
-// then the real page, signed in, takes a package through to the reboot, then
-// posts while another client's update runs, then a failing one. Environment: BASE, AUTH ("user:password"), ROOT (device root
-// on the host), PACKAGE (file to upload), ARTIFACTS (screenshots). Without
-// ROOT the device is the emulated one (tests/device): its files are out of
-// reach, so the first test is skipped, and everything takes longer.
+// "e2e.sh browser" serves over HTTPS: another site's page tries to reach the
+// program, a page of the same site to frame the update page; then the real
+// page, signed in, takes a package through to the reboot, then posts while
+// another client's update runs, then a failing one. Environment: BASE, AUTH
+// ("user:password"), ROOT (device root on the host), PACKAGE (file to
+// upload), ARTIFACTS (screenshots). Without ROOT the device is the emulated
+// one (tests/device): its files are out of reach, so the first two tests are
+// skipped, and everything takes longer.
 import {test} from 'node:test';
 import assert from 'node:assert/strict';
 import {createServer} from 'node:http';
+import {createServer as createTlsServer} from 'node:https';
 import {readFileSync, readdirSync, rmSync, writeFileSync} from 'node:fs';
 import {join} from 'node:path';
 import {chromium} from 'playwright-core';
 
 const {BASE, AUTH, ROOT, PACKAGE, ARTIFACTS} = process.env;
-const [username, password] = AUTH.split(':'), signedIn = {httpCredentials: {username, password, origin: BASE}};
+// The device's certificate is its own: the browser is told to take it.
+const [username, password] = AUTH.split(':');
+const signedIn = {httpCredentials: {username, password, origin: BASE}, ignoreHTTPSErrors: true};
 const files = (dir) => readdirSync(join(ROOT, dir));
 const device = !ROOT, slow = device ? 8 : 1;
 
@@ -21,7 +26,7 @@ const device = !ROOT, slow = device ? 8 : 1;
 async function withPage(options, body) {
     const browser = await chromium.launch({executablePath: '/usr/bin/chromium', args: ['--no-sandbox',
         '--disable-gpu', '--disable-background-networking', '--disable-component-update', '--disable-sync']});
-    const context = await browser.newContext({viewport: {width: 900, height: 1000}, ...options});
+    const context = await browser.newContext({viewport: {width: 900, height: 1000}, ignoreHTTPSErrors: true, ...options});
     context.setDefaultTimeout(30000 * slow);
     await body(await context.newPage(), context).finally(() => browser.close());
 }
@@ -56,6 +61,28 @@ test('another site cannot reach the program', {timeout: 60000, skip: device}, as
                 'the program never ran');
         });
     }
+    site.close();
+});
+
+// A page of the same site (another port of the device's address) frames the
+// update page, to lay a decoy over its Reboot button, and the program.
+const framing = `<iframe src="${BASE}/update/"></iframe><iframe src="${program}?reboot=1"></iframe>`;
+test('a page of the same site cannot frame the page or reach the program', {timeout: 60000, skip: device}, async () => {
+    const tls = (name) => readFileSync(join(ROOT, 'server', 'https', name));
+    const site = createTlsServer({key: tls('key.pem'), cert: tls('cert.pem')}, (request, response) => response.end(framing));
+    await new Promise((resolve) => site.listen(0, '127.0.0.1', resolve));
+    await withPage(signedIn, async (page) => {
+        await page.goto(BASE + '/update/');
+        await page.getByText('Ready: choose a package file.').waitFor();
+        await page.goto('about:blank');
+        await page.waitForTimeout(500);
+        for (const name of files('var-log')) rmSync(join(ROOT, 'var-log', name));
+        await page.goto(`https://127.0.0.1:${site.address().port}/`);
+        await page.waitForTimeout(2000);
+        const shown = await Promise.all(page.frames().map((f) => f.evaluate(() => document.body.innerText).catch(() => '')));
+        assert.deepEqual(shown.filter((text) => text.includes('Update')), [], 'no frame shows the update page');
+        assert.deepEqual(files('var-log'), [], 'the program never ran');
+    });
     site.close();
 });
 

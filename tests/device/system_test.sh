@@ -7,7 +7,11 @@
 # (the guest's kernel starts again on the console, once) and the saved log,
 # the other is told the device is busy; the device comes back with the
 # same certificate, the new firmware installed, the saved log and trace
-# served. A client pinned to another key sends nothing. An invalid package
+# served; before that update, two power cuts (in the installer, and in the
+# pause after the success entry) and the cable pulled for 30 s during an
+# upload, each checked as the reliability campaign does
+# (tests/reliability/device.sh), and the update is their next update. A
+# client pinned to another key sends nothing. An invalid package
 # then ends in the installer's error, without a reboot, the firmware
 # unchanged. All over HTTPS; the plain port only redirects.
 # Usage: tests/device/system_test.sh [--deb FILE]    (as root; update-device
@@ -66,6 +70,10 @@ BASE=$BASE AUTH=$AUTH PACKAGE=$work/firmware-1.5.tar ARTIFACTS=$work node --test
 check "the browser test passes on the device (build/device-test/work/browser.tap)" 0 $?
 check_true "the browser's update rebooted the device" rebooted
 check "firmware 1.5 is installed" 1.5 "$(firmware)"
+
+CLIENT_BIN=$client "$src/tests/reliability/device.sh" --run "$run" --cuts 2 --phases install,pause --outages 30 \
+    --no-next >"$work/campaign.log" 2>&1
+check "power cuts and a lost link: the device whole and truthful (build/device-test/work/campaign.log)" 0 $?
 
 # Two update-device runs at once, as from two production-line stations, with
 # a package that lighttpd keeps in memory (no poll takes the lock for it):

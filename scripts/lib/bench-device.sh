@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # scripts/bench --device: figures taken on the emulated device (scripts/device)
 # and printed as one table. Under emulation only ratios mean something.
-#   - boot: qemu's start to lighttpd answering;
+#   - boot: qemu's start to lighttpd answering, and to the update page
+#     answering (signed in); a power cut, to the update page answering
+#     after the power on;
 #   - a 16 MiB update: from the upload's start to the POST's end, to the
 #     guest's kernel starting again, and to the page answering again; over
 #     HTTPS as the device serves, and over plain HTTP (the benchmark image's
@@ -49,6 +51,16 @@ AUTH=$(cat "$run/credentials")
 boots() { grep -c '] Linux version' "$run/serial.log"; }
 now() { date +%s%N; }
 seconds() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.1f", (b - a) / 1e9 }'; }
+page_answers() { [ "$(page -o /dev/null -m 5 -w '%{http_code}' "$base/update/" 2>/dev/null)" = 200 ]; }
+# Seconds from a boot's start to the update page answering: scripts/device
+# has timed it to lighttpd's first answer.
+page_up() {
+    local from
+    from=$(now)
+    until page_answers; do sleep 0.2; done
+    awk -v b="$(cat "$run/boot-seconds")" -v a="$from" -v e="$(now)" 'BEGIN { printf "%.1f", b + (e - a) / 1e9 }'
+}
+boot_page=$(page_up)
 # The answer after the sign-in's 401: status, headers but the date, body.
 answer() { page -i "$cgi?$1" | tr -d '\r' | awk '/^HTTP\// { out = "" } !/^Date:/ { out = out $0 "\n" } END { printf "%s", out }'; }
 
@@ -117,7 +129,7 @@ update_to_reboot() {  # base-url
         sleep 0.2
     done
     rebooted=$(now)
-    until [ "$(curl -s --cacert "$CACERT" -o /dev/null -m 5 -w '%{http_code}' "$base/version.txt")" = 200 ]; do
+    until page_answers; do
         [ $(($(now) - start)) -lt 900000000000 ] || { echo "bench: not back" >&2; exit 1; }
         sleep 0.5
     done
@@ -130,6 +142,8 @@ read -r post_s kernel_s back_s < <(update_to_reboot "$base")
 page "$base/update/last/updater-cgi.log" >"$work/update.log"
 read -r plain_post_s plain_kernel_s plain_back_s < <(update_to_reboot "http://127.0.0.1:$(cat "$run/plain-port")")
 [ -n "$back_s" ] && [ -n "$plain_back_s" ] || exit 1
+scripts/device cut --run "$run" && scripts/device power-on --run "$run"
+cut_page=$(page_up)
 
 # ---- table ------------------------------------------------------------------------
 row() { printf '| %s | %s | %s | %s |\n' "$@"; }
@@ -137,11 +151,13 @@ echo
 echo "| figure (emulated device: qemu-system-arm virt, Cortex-A15, 512 MiB) | updater | reference | ratio |"
 echo "|---|---|---|---|"
 row "boot to lighttpd answering" "$(cat "$run/boot-seconds") s" "" ""
+row "boot to the update page answering (signed in)" "$boot_page s" "" ""
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
 row "16 MiB update over HTTPS, upload start to the POST's end (answered, or cut by the shutdown)" \
     "$post_s s" "plain HTTP $plain_post_s s" "$(ratio "$plain_post_s" "$post_s")"
 row "the same, to the kernel starting again" "$kernel_s s" "plain HTTP $plain_kernel_s s" "$(ratio "$plain_kernel_s" "$kernel_s")"
-row "the same, to the web server answering again" "$back_s s" "plain HTTP $plain_back_s s" "$(ratio "$plain_back_s" "$back_s")"
+row "the same, to the update page answering again" "$back_s s" "plain HTTP $plain_back_s s" "$(ratio "$plain_back_s" "$back_s")"
+row "power cut, power on, to the update page answering" "$cut_page s" "" ""
 for query in status=1 request=1; do
     u=$(median <<<"${runs[$query]}") m=$(median <<<"${runs[$query.minimal]}")
     name=lock-state

@@ -375,12 +375,13 @@
             }
             if (down) {
                 const savedAfter = await refreshLast();
+                const ok = $('last-verdict').classList.contains('ok');
                 if (savedBefore !== undefined && savedAfter === (savedBefore ? savedBefore.modified : null)) {
                     setOutcome('The device is back, but it saved no log of this update: its outcome ' +
                         'is unknown. Its log had said success before the restart.', 'error');
                 } else {
                     setOutcome('The device is back. The result of the last update is shown above.',
-                        'success');
+                        ok ? 'success' : 'error');
                 }
                 return idle();
             }

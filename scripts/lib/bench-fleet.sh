@@ -48,7 +48,8 @@ reboot_all() {
     wait_for 60 all_done
     local r
     for r in "${roots[@]}"; do
-        ROOT=$r BASE=$(cat "$r/server/url") && PORT=${BASE##*:} DEVICE_ARGS=() && device_reboot 0
+        ROOT=$r BASE=$(cat "$r/server/url") PLAIN=$(cat "$r/server/plain-url") &&
+            PORT=${BASE##*:} DEVICE_ARGS=() && device_reboot 0
     done
 }
 # Prints "seconds peak-KiB" of one client run; every device must succeed.

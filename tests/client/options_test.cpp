@@ -122,6 +122,7 @@ TEST(client_options, help_lists_every_device_error) {
     }
     while (std::getline(help, line) && !line.empty())
         EXPECT_LT(line.size(), 80u) << line;
+    EXPECT_NE(usage_text().find("\n      --netrc-file FILE  each device's"), std::string::npos);
     const std::string table = exit_status_table();
     size_t count = 0;
     for (size_t at = table.find("the device's error "); at != std::string::npos;

@@ -78,7 +78,8 @@ TEST(client_options, command_lines) {
         {{"--connect-timeout", "0", "d", "pkg"}, "--connect-timeout takes seconds"},
         {{"pkg"}, "no device given"},
         {{"--devices", "/nonexistent", "d", "pkg"}, "cannot read the devices file"},
-        {{"-u", "a", "--password-file", "/nonexistent", "d", "pkg"}, "cannot read the password file"},
+        {{"-u", "a", "--password-file", "/nonexistent", "d", "pkg"},
+         "cannot read the password file"},
         {{"ftp://d", "pkg"}, "not an http or https URL: ftp://d"},
         {{"--netrc-file", "n", "-u", "a", "d", "pkg"}, "--netrc-file names each device's user"},
     };

@@ -277,8 +277,8 @@ static enum request classify(char** envp) {
 
 /* ---- the guard ------------------------------------------------------------ */
 
-/* 1 taken (or held, for f_ofd_getlk), 0 held by another, -1 no such lock
-   here (a kernel without them): the request then goes on unguarded. */
+/* 1 taken (for f_ofd_getlk: free), 0 held by another, -1 no such lock here
+   (a kernel without them): the request then goes on unguarded. */
 static int guard(int fd, int command, short type, int which) {
     struct guard_lock lock = {type, 0, which, 1, 0};
     int result = lock_file(fd, command, &lock);

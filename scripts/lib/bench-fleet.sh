@@ -2,8 +2,8 @@
 # update-device against a fleet: DEVICES device roots, each with its own
 # lighttpd on 127.0.0.1, updated with --parallel DEVICES from one process,
 # against the same client updating one of them alone. Whole updates up to
-# the success entry (--no-wait: the devices' reboots are not played), of a
-# 4 MiB package, with the demo's device timings (preupdate.sh 1 s, the
+# the success entry (--no-wait: the devices' reboots are played between
+# runs, outside the time), of a 4 MiB package, with the demo's device timings (preupdate.sh 1 s, the
 # installer 5 s), in ROUNDS alternating rounds; between runs every device
 # ends its update (the pause before the reboot). Peak memory is the client's
 # own (GNU time's maximum resident set). Appends one line to RESULTS:
@@ -41,9 +41,19 @@ all_done() {
         [ "$(grep -c '^updater' "$r/fake/record" 2>/dev/null)" = "$(grep -c '^reboot' "$r/fake/record" 2>/dev/null)" ] || return 1
     done
 }
+# Then the devices go down as their reboot commands ask (the fake only
+# records them): until then, each one's update guard keeps it busy. Not in a
+# subshell: a device's server lives as long as the shell that started it.
+reboot_all() {
+    wait_for 60 all_done
+    local r
+    for r in "${roots[@]}"; do
+        ROOT=$r BASE=$(cat "$r/server/url") PLAIN=$(cat "$r/server/plain-url") &&
+            PORT=${BASE##*:} DEVICE_ARGS=() && device_reboot 0
+    done
+}
 # Prints "seconds peak-KiB" of one client run; every device must succeed.
 run() {  # URLs...
-    wait_for 60 all_done
     local start=$EPOCHREALTIME
     /usr/bin/time -f %M -o "$tree/fleet.rss" "$client" --user "${AUTH%%:*}" --no-wait \
         --known-devices "$tree/fleet.known" \
@@ -54,8 +64,8 @@ run() {  # URLs...
 
 one=() all=() one_kib=() all_kib=()
 for _ in $(seq "$rounds"); do
-    read -r s k < <(run "${urls[0]}") && one+=("$s") one_kib+=("$k")
-    read -r s k < <(run "${urls[@]}") && all+=("$s") all_kib+=("$k")
+    reboot_all && read -r s k < <(run "${urls[0]}") && one+=("$s") one_kib+=("$k")
+    reboot_all && read -r s k < <(run "${urls[@]}") && all+=("$s") all_kib+=("$k")
 done
 median() { printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
 o=$(median "${one[@]}") a=$(median "${all[@]}") ok=$(median "${one_kib[@]}") ak=$(median "${all_kib[@]}")

@@ -66,6 +66,7 @@ TEST(client_options, command_lines) {
     EXPECT_EQ(out.urls, (std::vector<std::string>{"https://d", "https://e"}));
     EXPECT_EQ(out.notes.size(), 2u);
     EXPECT_EQ(out.update.package, "pkg");
+    EXPECT_EQ(parsed({"d", "-"}, out), "");  // a file named "-", checked as a package
 
     const std::pair<std::vector<std::string>, const char*> refused[] = {
         {{"-u", "admin:secret", "d", "pkg"}, "--user takes a name only"},
@@ -77,7 +78,8 @@ TEST(client_options, command_lines) {
         {{"--connect-timeout", "0", "d", "pkg"}, "--connect-timeout takes seconds"},
         {{"pkg"}, "no device given"},
         {{"--devices", "/nonexistent", "d", "pkg"}, "cannot read the devices file"},
-        {{"-u", "a", "--password-file", "/nonexistent", "d", "pkg"}, "cannot read the password file"},
+        {{"-u", "a", "--password-file", "/nonexistent", "d", "pkg"},
+         "cannot read the password file"},
         {{"ftp://d", "pkg"}, "not an http or https URL: ftp://d"},
         {{"--netrc-file", "n", "-u", "a", "d", "pkg"}, "--netrc-file names each device's user"},
     };
@@ -92,7 +94,7 @@ TEST(client_update_log, entries) {
     const std::vector<log_entry> entries = parse_update_log(
         "[001.250:40] reassembling data ...<br>[002.001] no percent<br>[3.5:-5] below zero<br>"
         "[004.000:100] <font color=#2020ff><b>update completed, firmware successfully loaded<br>"
-        "[005.1:60] ERROR: installation failed<br>[x.1:50] not a stamp<br>");
+        "[005.1:60] ERROR: installation failed<br>[x.1:50] not a stamp");
     const std::tuple<int, const char*, bool, bool> rows[] = {
         {40, "reassembling data ...", false, false},
         {-1, "no percent", false, false},
@@ -121,6 +123,7 @@ TEST(client_options, help_lists_every_device_error) {
     }
     while (std::getline(help, line) && !line.empty())
         EXPECT_LT(line.size(), 80u) << line;
+    EXPECT_NE(usage_text().find("\n      --netrc-file FILE  each device's"), std::string::npos);
     const std::string table = exit_status_table();
     size_t count = 0;
     for (size_t at = table.find("the device's error "); at != std::string::npos;

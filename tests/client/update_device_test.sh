@@ -9,7 +9,7 @@ name=$1
 
 #  case          | before         | during      | client options         | status | output has (texts split by ';')
 table="
-success          | slow_preupdate | play_reboot | --timeout 30 --limit-rate 2M | 0 | of 8.0 MiB; firmware successfully loaded; the device is back
+success          | slow_preupdate | play_reboot | --timeout 30 --limit-rate 2M --log /dev/null | 0 | of 8.0 MiB; firmware successfully loaded; the device is back
 installer_fails  | installer_fails first_contact | - |                 | 25 | (error 5): installation failed; first contact: recorded
 disabled         | disabled pinned | -          |                        | 29 | (error 9): update feature is disabled
 untrusted        | untrusted      | -           |                        | 13 | certificate is not trusted
@@ -18,10 +18,10 @@ busy             | busy           | -           |                        | 7  | 
 busy_post        | -              | other_post  | --limit-rate 4M        | 7  | another update is running; the package was not installed
 wrong_password   | wrong_password | -           |                        | 5  | wrong user or password
 cut_upload       | -              | cut_upload  | --limit-rate 4M        | 8  | connection lost during the upload
-two_devices      | second_device first_contact | - | --no-wait --parallel 2 | 1  | device error
+two_devices      | second_device first_contact terminal | - | --no-wait --parallel 2 | 1  | device error
 interrupt_two    | second_device first_contact | interrupt | --limit-rate 1M --parallel 2 | 12 | interrupted during the upload
-netrc_json       | netrc_devices first_contact | - | --json --no-wait --parallel 2 | 1 | installation failed
-unreachable      | no_server      | -           | --retry 1              | 4  | device unreachable; trying again in 1 s
+netrc_json       | netrc_devices first_contact | - | --json --no-wait --parallel 2 --proxy http://127.0.0.1:1 --noproxy 127.0.0.1,localhost | 1 | installation failed
+unreachable      | -              | -           | --retry 1 --proxy http://127.0.0.1:1 | 4  | device unreachable; trying again in 1 s
 wrong_scheme     | wrong_scheme   | -           |                        | 10 | request failed
 interrupt_twice  | hung_server    | interrupt_twice |                    | 12 | asking the device's lock state
 late_device      | late_device first_contact | come_up_late | --wait-online 30 --no-wait | 0 | waiting up to 30 s for the device; the next update must wait for it
@@ -41,7 +41,7 @@ recorded() { grep -q -- "$1" "$ROOT/fake/record" 2>/dev/null; }
 device_init "client_$name"
 package $((8 << 20))
 pkg=$ROOT/pkg
-case $before in no_server | late_device) ;; *) device_start || exit 1 ;; esac
+case $before in late_device) ;; *) device_start || exit 1 ;; esac
 auth=${AUTH:-} && urls=("${BASE:-}") user=${auth%%:*} password=${auth#*:} trust=(--cacert "${CACERT:-}")
 trap 'stop_second; device_stop' EXIT
 stop_second() { :; }
@@ -52,7 +52,6 @@ installer_fails() { echo 1 >"$ROOT/fake/installer-status"; }
 disabled() { echo false >"$ROOT/fake/uci-value"; }
 busy() { : >"$ROOT/var-tmp/lighttpd-upload-other" && progress >/dev/null; }
 wrong_password() { password=wrong; }
-no_server() { urls=("http://127.0.0.1:1"); }
 # The server's own scheme swapped: it answers, but not what a client can read.
 wrong_scheme() { [[ $BASE == https:* ]] && urls=("${BASE/https:/http:}") || urls=("${BASE/http:/https:}"); }
 # lighttpd stopped: connections are taken, requests never answered.
@@ -91,8 +90,8 @@ late_device() {  # nothing answers on its port for 2 s
     PORT=$((20000 + (RANDOM * 32768 + RANDOM) % 12000)) && urls=("https://127.0.0.1:$PORT")
 }
 come_up_late() { sleep 2 && device_start --port "$PORT"; }
-free_later() {  # the other upload stops, its log entries stay: none of them may show
-    sleep 1.5 && printf '[001.500:10] the other upload<br>' >>"$ROOT/var-log/updater-cgi.log"
+free_later() {  # the other upload ends, its log entries stay: none of them may show
+    sleep 1.5 && printf '[001.500:10] ERROR: the other upload<br>' >>"$ROOT/var-log/updater-cgi.log"
     rm "$ROOT"/var-tmp/lighttpd-upload-other && lock_state >/dev/null
 }
 # The device goes down while it installs and comes back: the update began,
@@ -140,10 +139,14 @@ netrc_devices() {
     urls=(--netrc-file "$ROOT/netrc" "$BASE" "$(sed 's/127.0.0.1/localhost/' "$second/server/url")") user=
 }
 
+# On a terminal (a pseudo-terminal of script's): the live lines.
+terminal() { on_terminal() { exec script -qefc "$(printf '%q ' "$@")" /dev/null </dev/null; }; }
+on_terminal() { exec "$@"; }  # in the background: $! is the client
+
 for step in $before; do $step; done
 # shellcheck disable=SC2086 # options are words
-UPDATE_DEVICE_PASSWORD=$password "$CLIENT_BIN" ${user:+--user "$user"} "${trust[@]}" $options "${urls[@]}" "$pkg" \
-    >"$ROOT/client.out" 2>&1 &
+on_terminal env UPDATE_DEVICE_PASSWORD="$password" "$CLIENT_BIN" ${user:+--user "$user"} "${trust[@]}" $options \
+    "${urls[@]}" "$pkg" >"$ROOT/client.out" 2>&1 &
 client=$!
 $during
 wait "$client"
@@ -178,7 +181,7 @@ case $name in
         check "$name: each device's own status and error" "0 null 25 5" "$(results '"\(.status) \(.device_error.number)"')"
         check "$name: the package's digest and size" "$(sha256sum <"$pkg" | cut -d' ' -f1) $((8 << 20))" \
             "$(results '"\(.package.sha256) \(.package.size)"' | xargs -n2 | sort -u)"
-        check "$name: the phases' times" "true true" "$(results '.phases | has("upload") and has("final_entry")')"
+        check "$name: the phases' times" "true true" "$(results '.phases | has("upload") and has("sent") and has("final_entry")')"
         check "$name: the installers got it" "$installed$installed" "$(grep -h '^updater' "$ROOT/fake/record" "$second/fake/record" | tr -d '\n')" ;;
     busy_then_free)
         check "$name: only this update's entries" 0 "$(grep -c 'the other upload' "$ROOT/client.out")" ;;
@@ -188,9 +191,10 @@ case $name in
         check "$name: no request reached the device" "" "$(ls "$ROOT/var-log")" ;;
     two_devices)
         check_true "$name: a table row for each" grep -qE "^${BASE#https://} +success" "$ROOT/client.out"
-        check "$name: the second device failed" 1 "$(grep -cE '^127.* +device error +.*error 5' "$ROOT/client.out")" ;;
+        check "$name: the second device failed" 1 "$(grep -cE '^127.* +device error +.*error 5' "$ROOT/client.out")"
+        check_true "$name: a live line each" grep -qE ':[0-9]+  updated \(.*:[0-9]+  FAILED: the device.s update failed \(error 5\)|:[0-9]+  FAILED: the device.s update failed \(error 5\).*:[0-9]+  updated \(' <(tr -d '\n' <"$ROOT/client.out") ;;
 esac
-if [ "$before" != busy ] && [ "$before" != no_server ] && [ "$before" != stuck_installer ] && [ "$name" != busy_post ]; then
+if [ "$before" != busy ] && [ "$before" != stuck_installer ] && [ "$name" != busy_post ]; then
     check "$name: no lock left" no "$([ -e "$ROOT/var-log/updater-cgi.lock" ] && echo yes || echo no)"
 fi
 [ "$failed" -eq 0 ] || cat "$ROOT/client.out"

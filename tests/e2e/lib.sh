@@ -30,7 +30,9 @@ device_stop() { in_netns "$E2E_DIR/device-lighttpd" --root "$ROOT" --stop; }
 # /var/tmp are emptied, /tolven/local stays.
 device_reboot() {  # seconds down
     device_stop && rm -rf "${ROOT:?}"/var-log/* "$ROOT"/tmp/* "$ROOT"/var-tmp/*
-    sleep "${1:-2}" && device_start "${DEVICE_ARGS[@]}" --port "$PORT" --plain-port "${PLAIN##*:}"
+    local https plain
+    https=$(cat "$ROOT/server/url") plain=$(cat "$ROOT/server/plain-url")
+    sleep "${1:-2}" && device_start "${DEVICE_ARGS[@]}" --port "${https##*:}" --plain-port "${plain##*:}"
 }
 
 page() { curl -sS --http1.1 --max-time 20 --cacert "$CACERT" --digest -u "$AUTH" -H 'X-Updater-Page: 1' "$@"; }

@@ -168,25 +168,6 @@ cut_at() {  # index phase u driver
     rm -f "$work"/fw-*.tar
 }
 
-if [ "$cuts" -gt 0 ]; then
-    : >"$work/cuts.tsv"
-    IFS=, read -ra phase <<<"$phases"
-    p=${#phase[@]} rounds=$(((cuts + ${#phase[@]} - 1) / ${#phase[@]})) start=$SECONDS
-    for ((i = 0; i < cuts; i++)); do
-        round=$((i / p)) driver=client
-        [ $(((i + round) % 2)) = 1 ] && driver=page
-        cut_at "$i" "${phase[i % p]}" "$(awk -v r=$round -v n=$rounds 'BEGIN { printf "%.3f", (r + 0.5) / n }')" "$driver"
-    done
-    n=$cuts
-    ok=$(($(count 5 yes) == n && $(count 7 STATUS_FREE) == n && $(count 8 old) + $(count 8 new) == n &&
-        $(count 10 yes) == n && $(count 11 yes) == n && $(count 13 no) == 0))
-    row "power cut at $n moments ($phases; update-device and the page in turn)" \
-        "$( ((ok)) && echo pass || echo FAIL)" \
-        "booted $(count 5 yes)/$n (boot $(cut -f6 "$work/cuts.tsv" | median_max)), lock free $(count 7 STATUS_FREE)/$n, whole firmware $(($(count 8 old) + $(count 8 new)))/$n (old $(count 8 old), new $(count 8 new)), saved log earlier $(count 9 earlier), this update's $(count 9 this-success), cut short $(count 9 this-short), truthful page $(count 10 yes)/$n, truthful update-device $(count 11 yes)/$n, next update $(count 13 yes)/$(($(count 13 yes) + $(count 13 no))); $((SECONDS - start)) s"
-    ((ok)) || awk -F'\t' '$5 != "yes" || $7 != "STATUS_FREE" || ($8 != "old" && $8 != "new") || $10 != "yes" || $11 != "yes" || $13 == "no"' \
-        "$work/cuts.tsv" | sed 's/^/power cut: /' >>"$REL_WORK/failures.txt"
-fi
-
 # ---- the cable pulled during an upload ---------------------------------------
 IFS=, read -ra seconds <<<"$outages"
 for s in "${seconds[@]}"; do
@@ -216,5 +197,24 @@ if [ "$full_disk" = 1 ]; then
         "$([[ "$rc/$lock/$fw/$after" == "23/STATUS_FREE/$old/"[-y]* ]] && echo pass || echo FAIL)" \
         "update-device exit $rc ($(tail -n 1 "$work/full.out")); lock $lock; firmware $([ "$fw" = "$old" ] && echo unchanged || echo "changed: $fw"); next update $after; $((SECONDS - start)) s"
 fi
+if [ "$cuts" -gt 0 ]; then
+    : >"$work/cuts.tsv"
+    IFS=, read -ra phase <<<"$phases"
+    p=${#phase[@]} rounds=$(((cuts + ${#phase[@]} - 1) / ${#phase[@]})) start=$SECONDS
+    for ((i = 0; i < cuts; i++)); do
+        round=$((i / p)) driver=client
+        [ $(((i + round) % 2)) = 1 ] && driver=page
+        cut_at "$i" "${phase[i % p]}" "$(awk -v r=$round -v n=$rounds 'BEGIN { printf "%.3f", (r + 0.5) / n }')" "$driver"
+    done
+    n=$cuts
+    ok=$(($(count 5 yes) == n && $(count 7 STATUS_FREE) == n && $(count 8 old) + $(count 8 new) == n &&
+        $(count 10 yes) == n && $(count 11 yes) == n && $(count 13 no) == 0))
+    row "power cut at $n moments ($phases; update-device and the page in turn)" \
+        "$( ((ok)) && echo pass || echo FAIL)" \
+        "booted $(count 5 yes)/$n (boot $(cut -f6 "$work/cuts.tsv" | median_max)), lock free $(count 7 STATUS_FREE)/$n, whole firmware $(($(count 8 old) + $(count 8 new)))/$n (old $(count 8 old), new $(count 8 new)), saved log earlier $(count 9 earlier), this update's $(count 9 this-success), cut short $(count 9 this-short), truthful page $(count 10 yes)/$n, truthful update-device $(count 11 yes)/$n, next update $(count 13 yes)/$(($(count 13 yes) + $(count 13 no))); $((SECONDS - start)) s"
+    ((ok)) || awk -F'\t' '$5 != "yes" || $7 != "STATUS_FREE" || ($8 != "old" && $8 != "new") || $10 != "yes" || $11 != "yes" || $13 == "no"' \
+        "$work/cuts.tsv" | sed 's/^/power cut: /' >>"$REL_WORK/failures.txt"
+fi
+
 cut -f2- "$REL_WORK/results.tsv" | sed 's/\t/ | /g'
 ! grep -q $'^device\t[^\t]*\tFAIL' "$REL_WORK/results.tsv"

@@ -6,7 +6,7 @@
  * It is also the guard that lets one update process exist at a time on the
  * device, whatever its clients do (the program's own lock is taken only when
  * a poll sees lighttpd's upload file, and a POST never tests it). The guard
- * file holds two locks. A POST takes "update" exclusively, or gets the busy
+ * file holds three locks. A POST takes "update" exclusively, or gets the busy
  * answer (503, the program's own text) without the program; then it waits
  * until no other request's program runs ("requests" exclusively), and runs
  * the update as its child, holding both to its end and, after a success,
@@ -15,7 +15,8 @@
  * instead: STATUS_BUSY for the lock state, the update log as it stands for
  * progress, the busy answer for a reboot or a reset. So an update never runs
  * beside another run of the program, and nothing but that update touches
- * the state files meanwhile.
+ * the state files meanwhile. Progress requests also take "progress turn" in
+ * turn, so that no two of them race for the program's lock.
  *
  * It runs for every poll, so it does little else, and where it can (built
  * with CGI_HEADER_NO_LIBC) it does it with bare system calls: the start-up of
@@ -47,8 +48,15 @@ enum { hold_after_success_ms = 120000 };
 enum { wait_for_requests_ms = 10000, wait_step_ms = 10 };
 
 enum { o_rdonly = 0, o_rdwr = 2, o_creat = 0100, o_cloexec = 02000000 };
-enum { f_ofd_getlk = 36, f_ofd_setlk = 37, f_rdlck = 0, f_wrlck = 1, f_unlck = 2 };
-enum { update_lock = 0, requests_lock = 1 }; /* the byte each lock covers */
+enum {
+    f_ofd_getlk = 36,
+    f_ofd_setlk = 37,
+    f_ofd_setlkw = 38,
+    f_rdlck = 0,
+    f_wrlck = 1,
+    f_unlck = 2
+};
+enum { update_lock = 0, requests_lock = 1, progress_turn = 2 }; /* the byte each lock covers */
 struct guard_lock {
     short type, whence;
     long long start, length;
@@ -348,8 +356,9 @@ static int adapt(int argc, char** argv, char** envp) {
        request unguarded, as the program alone would run it. */
     int fd = request == other
                  ? -1
-                 : open_file(guard_path,
-                             request == update ? o_rdwr | o_creat | o_cloexec : o_rdonly | o_creat);
+                 : open_file(guard_path, request == update     ? o_rdwr | o_creat | o_cloexec
+                                         : request == progress ? o_rdwr | o_creat
+                                                               : o_rdonly | o_creat);
     int guarded = 0;
     if (fd >= 0 && request == update) {
         guarded = guard(fd, f_ofd_setlk, f_wrlck, update_lock);
@@ -363,6 +372,10 @@ static int adapt(int argc, char** argv, char** envp) {
         if (guard(fd, f_ofd_getlk, f_wrlck, update_lock) == 0 ||
             guard(fd, f_ofd_setlk, f_rdlck, requests_lock) == 0)
             return answer_busy(request);
+        /* Two polls that see an upload file together both try the program's
+           lock, and the loser's error ending clears the winner's lock, state
+           and saved log: progress requests take turns, each a few ms. */
+        if (request == progress) guard(fd, f_ofd_setlkw, f_wrlck, progress_turn);
     }
     /* 52 bytes into a pipe are written whole or not at all. */
     if (put(header, sizeof header - 1) != (long)(sizeof header - 1)) return 1;

@@ -23,10 +23,13 @@ scenario_update() {
     check "idle progress starts the log" '[000.000:1] waiting for file ...<br>' "$(progress)"
     post --limit-rate 16M >"$ROOT/post.code" &
     check_true "lighttpd keeps the arriving body in /var/tmp" wait_for 10 has_upload_file
-    local answer start
-    answer=$(progress)
-    check "a progress request during the upload takes the lock" \
-        '[000.000:1] waiting for file ...<br>[000.000:10] receiving package file ...<br>' "$answer"
+    local answer start polls=() i
+    for i in 1 2 3 4 5 6 7 8; do progress >"$ROOT/poll.$i" & polls+=($!); done
+    wait "${polls[@]}"
+    answer=$(cat "$ROOT/poll.1")
+    check "eight progress requests at once during the upload: one takes the lock, all answer its log" \
+        "$(printf '[000.000:1] waiting for file ...<br>[000.000:10] receiving package file ...<br>%.0s\n' {1..8})" \
+        "$(for i in 1 2 3 4 5 6 7 8; do cat "$ROOT/poll.$i"; echo; done)"
     check "then: state 1, lock 1, busy, the same log, the upload still on" "1 1 STATUS_BUSY $answer 0" \
         "$(state) $(cat "$ROOT/var-log/updater-cgi.lock") $(lock_state) $(progress) $(has_upload_file; echo $?)"
     check_true "success entry within 60 s" wait_for 60 log_has 'firmware successfully loaded'

@@ -5,6 +5,7 @@
 #include "device_url.h"
 #include "exit_status.h"
 #include "options.h"
+#include "progress_text.h"
 #include "update_log.h"
 
 namespace {
@@ -112,6 +113,16 @@ TEST(client_update_log, entries) {
         EXPECT_EQ(entries[i].success, success) << i;
     }
     EXPECT_EQ(entries[4].error_message(), "installation failed");
+}
+
+// The upload's line as a person reads it, from its first moment to its end.
+TEST(client_progress_text, upload_lines) {
+    EXPECT_EQ(upload_summary(0, 8 << 20, 0), "0% 0.0 of 8.0 MiB, - MiB/s, ? left");
+    EXPECT_EQ(upload_summary(2 << 20, 8 << 20, 1), "25% 2.0 of 8.0 MiB, 2.0 MiB/s, 0:03 left");
+    EXPECT_EQ(upload_summary(8 << 20, 8 << 20, 90.5), "100% 8.0 of 8.0 MiB, 0.1 MiB/s, 0:00 left");
+    EXPECT_EQ(upload_done(0, 0), "0.0 MiB in 0.00 s, - MiB/s");
+    EXPECT_EQ(progress_bar(1, 3, 10), "[###-------]");
+    EXPECT_EQ(entry_line(-1, "no percent"), "[    ] no percent");
 }
 
 // --help lists each of the device's errors once, the last one included; its

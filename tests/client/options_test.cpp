@@ -68,6 +68,11 @@ TEST(client_options, command_lines) {
     EXPECT_EQ(out.notes.size(), 2u);
     EXPECT_EQ(out.update.package, "pkg");
     EXPECT_EQ(parsed({"d", "-"}, out), "");  // a file named "-", checked as a package
+    // After "--", a package whose name starts with "-".
+    options dashed;
+    EXPECT_EQ(parsed({"--parallel=2", "--", "d", "-pkg"}, dashed), "");
+    EXPECT_EQ(dashed.urls, (std::vector<std::string>{"https://d"}));
+    EXPECT_EQ(dashed.update.package, "-pkg");
 
     const std::pair<std::vector<std::string>, const char*> refused[] = {
         {{"-u", "admin:secret", "d", "pkg"}, "--user takes a name only"},

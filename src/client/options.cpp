@@ -66,6 +66,18 @@ std::string seconds_value(const std::string& value, const char* name, int& secon
     return std::string(name) + " takes seconds, 1 to " + std::to_string(longest_timeout_s);
 }
 
+// Options that only name a file or a host list: the value is kept as given.
+template <std::string connection_settings::*field>
+std::string keep_connection(parsed& p, const std::string& value) {
+    p.out.update.connection.*field = value;
+    return "";
+}
+template <std::string parsed::*field>
+std::string keep(parsed& p, const std::string& value) {
+    p.*field = value;
+    return "";
+}
+
 const option_row option_table[] = {
     {"--user", 'u', "NAME",
      "sign in as NAME, with the password from --password-file or $UPDATE_DEVICE_PASSWORD "
@@ -80,22 +92,13 @@ const option_row option_table[] = {
          return "";
      }},
     {"--password-file", 0, "FILE", "the password is the file's first line",
-     [](parsed& p, const std::string& v) -> std::string {
-         p.password_file = v;
-         return "";
-     }},
+     keep<&parsed::password_file>},
     {"--netrc-file", 0, "FILE",
      "each device's user and password from a netrc file (machine HOST login NAME password "
      "WORD; a 'default' entry for the others), instead of --user",
-     [](parsed& p, const std::string& v) -> std::string {
-         p.out.update.connection.netrc_file = v;
-         return "";
-     }},
+     keep_connection<&connection_settings::netrc_file>},
     {"--devices", 0, "FILE", "device URLs, one a line; '#' starts a comment",
-     [](parsed& p, const std::string& v) -> std::string {
-         p.devices_file = v;
-         return "";
-     }},
+     keep<&parsed::devices_file>},
     {"--parallel", 0, "N", "update up to N devices at once (default 1)",
      [](parsed& p, const std::string& v) -> std::string {
          if (to_number(v, 1, most_parallel, p.out.parallel)) return "";
@@ -148,10 +151,7 @@ const option_row option_table[] = {
      }},
     {"--cacert", 0, "FILE",
      "trust an https:// device whose certificate FILE holds (or signs) for the URL's name",
-     [](parsed& p, const std::string& v) -> std::string {
-         p.out.update.connection.ca_file = v;
-         return "";
-     }},
+     keep_connection<&connection_settings::ca_file>},
     {"--pin", 0, "sha256//BASE64",
      "trust an https:// device by the digest of its public key alone, as curl --pinnedpubkey",
      [](parsed& p, const std::string& v) -> std::string {
@@ -162,22 +162,13 @@ const option_row option_table[] = {
     {"--known-devices", 0, "FILE",
      "trust on first use, as ssh: record each https:// device's key in FILE at the first "
      "contact, and refuse a device whose key differs later",
-     [](parsed& p, const std::string& v) -> std::string {
-         p.out.update.connection.known_devices = v;
-         return "";
-     }},
+     keep_connection<&connection_settings::known_devices>},
     {"--proxy", 0, "URL",
      "reach the devices through this proxy; without it the variables http_proxy, https_proxy "
      "and no_proxy apply, as for curl",
-     [](parsed& p, const std::string& v) -> std::string {
-         p.out.update.connection.proxy = v;
-         return "";
-     }},
+     keep_connection<&connection_settings::proxy>},
     {"--noproxy", 0, "HOSTS", "hosts reached without a proxy, separated by commas ('*': all)",
-     [](parsed& p, const std::string& v) -> std::string {
-         p.out.update.connection.noproxy = v;
-         return "";
-     }},
+     keep_connection<&connection_settings::noproxy>},
     {"--json", 0, nullptr,
      "JSON lines on standard output instead of text: one an event, and one final record a "
      "device (URL, package SHA-256 and size, exit status, the device's error, the verdict, "

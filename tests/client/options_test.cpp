@@ -4,7 +4,6 @@
 
 #include "device_url.h"
 #include "exit_status.h"
-#include "known_devices.h"
 #include "options.h"
 #include "progress_text.h"
 #include "update_log.h"
@@ -72,7 +71,6 @@ TEST(client_options, command_lines) {
     // After "--", a package whose name starts with "-".
     options dashed;
     EXPECT_EQ(parsed({"--parallel=2", "--", "d", "-pkg"}, dashed), "");
-    EXPECT_EQ(dashed.urls, (std::vector<std::string>{"https://d"}));
     EXPECT_EQ(dashed.update.package, "-pkg");
 
     const std::pair<std::vector<std::string>, const char*> refused[] = {
@@ -127,27 +125,6 @@ TEST(client_progress_text, upload_lines) {
     EXPECT_EQ(upload_summary(2 << 20, 8 << 20, 1), "25% 2.0 of 8.0 MiB, 2.0 MiB/s, 0:03 left");
     EXPECT_EQ(upload_summary(8 << 20, 8 << 20, 90.5), "100% 8.0 of 8.0 MiB, 0.1 MiB/s, 0:00 left");
     EXPECT_EQ(upload_done(0, 0), "0.0 MiB in 0.00 s, - MiB/s");
-    EXPECT_EQ(progress_bar(1, 3, 10), "[###-------]");
-    EXPECT_EQ(entry_line(-1, "no percent"), "[    ] no percent");
-}
-
-// A device's pin is its certificate's key as openssl and base64 give it:
-// `openssl x509 -pubkey -noout | openssl pkey -pubin -outform der |
-// openssl dgst -sha256 -binary | base64`.
-TEST(client_known_devices, pin_of_a_certificate) {
-    const std::string pem = R"(-----BEGIN CERTIFICATE-----
-MIIBcDCCARWgAwIBAgIUZfJ0eHHuzqycoGDPeO3z3wU19ekwCgYIKoZIzj0EAwIw
-DDEKMAgGA1UEAwwBZDAgFw0yNjExMjQxNDM3MDVaGA8yMTI2MTAzMTE0MzcwNVow
-DDEKMAgGA1UEAwwBZDBZMBMGByqGSM49AgEGCCqGSM49AwEHA0IABDcuICXtDbbL
-sUDMtdnUrkFo73QD/QqTlsAHVHlId9R/Uq/CTT6lE26tc5QLfXFcxD9+c4/qWOLC
-wkOXnurrVV6jUzBRMB0GA1UdDgQWBBSG5rcami50WzoXEA/cHalEfFky7zAfBgNV
-HSMEGDAWgBSG5rcami50WzoXEA/cHalEfFky7zAPBgNVHRMBAf8EBTADAQH/MAoG
-CCqGSM49BAMCA0kAMEYCIQD6spUNEph54zriMUJJB+5dXNegAYOTNH7W5ZRNs5df
-QgIhAIs7cabSniasXWI4AN0yD6fuJ8k+DIFxBwO8wTDQOKFn
------END CERTIFICATE-----
-)";
-    EXPECT_EQ(public_key_pin(pem), "sha256//UXIe05KSUT/jzlMXOBtAQJdd5f33kxPAxJGKm7n6n6A=");
-    EXPECT_EQ(public_key_pin("-----BEGIN CERTIFICATE-----\nnone\n"), "");
 }
 
 // --help lists each of the device's errors once, the last one included; its

@@ -37,6 +37,9 @@ constexpr status_row rows[] = {
     {EXIT_KEY_CHANGED, "key changed",
      "the device's key is not the pinned one or the one its first contact recorded; "
      "nothing was sent"},
+    {EXIT_ROLLED_BACK, "rolled back",
+     "the package was installed, but the device did not keep it running: it went back to the "
+     "version before (its status document says so)"},
     {EXIT_DEVICE_ERROR, "device error",
      "the device's update ended with an error it has no number for"},
 };

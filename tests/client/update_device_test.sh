@@ -22,7 +22,7 @@ wrong_password   | wrong_password | -           |                        | 5  | 
 cut_upload       | -              | cut_upload  | --limit-rate 4M        | 8  | connection lost during the upload
 two_devices      | second_device first_contact terminal | - | --no-wait --parallel 2 | 1  | device error
 interrupt_two    | second_device first_contact | interrupt | --limit-rate 1M --parallel 2 | 12 | interrupted during the upload
-netrc_json       | netrc_devices first_contact | - | --json --no-wait --parallel 1 --proxy http://127.0.0.1:1 --noproxy 127.0.0.1,localhost | 1 | installation failed
+netrc_json       | netrc_devices first_contact no_status | - | --json --no-wait --parallel 1 --proxy http://127.0.0.1:1 --noproxy 127.0.0.1,localhost | 1 | installation failed
 unreachable      | -              | -           | --retry 1 --proxy http://127.0.0.1:1 | 4  | device unreachable; trying again in 1 s
 wrong_scheme     | wrong_scheme   | -           |                        | 10 | request failed
 interrupt_twice  | hung_server    | interrupt_twice |                    | 12 | asking the device's lock state
@@ -76,6 +76,7 @@ refusal() { wait_for 60 recorded '^updater' && status_document 1.0 A false 1.0 "
 # update, another one that fell back.
 refused_before() { status_document 1.0 A false 2.0 "$sha" refused 'it does not fit'; }
 other_fallback() { status_document 1.0 A true 2.0 "${sha//?/0}" installed; }
+no_status() { rm -f "$ROOT/run-updater/device.json" "$second/run-updater/device.json"; }
 too_large() { status_document 1.0 A false "" "" "" "" $((1 << 20)); }
 installer_fails() { echo 1 >"$ROOT/fake/installer-status"; }
 disabled() { echo false >"$ROOT/fake/uci-value"; }
@@ -213,7 +214,7 @@ case $name in
         check "$name: the second device is free too" "" "$(ls "$second/var-log/updater-cgi.lock" 2>/dev/null)" ;;
     netrc_json)
         results() { jq -r "select(.event == \"result\") | $1" "$ROOT/client.out" | sort | xargs; }
-        check "$name: each device's own status and error" "0 null 25 5" "$(results '"\(.status) \(.device_error.number)"')"
+        check "$name: each device's own status and error, no document" "0 null null 25 5 null" "$(results '"\(.status) \(.device_error.number) \(.version_after)"')"
         check "$name: the package's digest and size" "$(sha256sum <"$pkg" | cut -d' ' -f1) $((8 << 20))" \
             "$(results '"\(.package.sha256) \(.package.size)"' | xargs -n2 | sort -u)"
         check "$name: the phases' times" "true true" "$(results '.phases | has("upload") and has("sent") and has("final_entry")')"

@@ -103,13 +103,12 @@ class device_update {
 
     // Once the device's update has ended, by its own error or with the
     // restart (a --no-wait success has not restarted yet), what the device
-    // says booted judges it.
+    // says booted judges it; before that, the version before is all there is.
     outcome with_status(outcome result) {
         const bool ended =
             result.ok() ? settings_.wait_for_restart
                         : result.status == EXIT_NO_RESULT || result.status >= EXIT_DEVICE_ERROR;
-        if (!ended) return result;
-        const status_reading after = read_device_status(polls_);
+        const status_reading after = ended ? read_device_status(polls_) : status_reading{};
         if (after.status) report_.step(running_text(*after.status));
         result = judged(std::move(result), before_, after, settings_.digest.sha256);
         if (result.ok() && result.install_result == "installed") {

@@ -10,7 +10,7 @@ name=$1
 #  case          | before         | during      | client options         | status | output has (texts split by ';')
 table="
 success          | slow_preupdate booted | play_reboot | --timeout 90 --limit-rate 2M --log /dev/null | 0 | of 8.0 MiB; upload complete: 8.0 MiB in; firmware successfully loaded; the device is back; the device runs 1.0 in slot A; the device runs 2.0 in slot B; 2.0 installed and running
-rolled_back      | booted fallback_boot | play_reboot | --timeout 90 --json | 15 | 2.0 was installed but did not start; the device went back to 1.0
+rolled_back      | slow_preupdate booted fallback_boot | play_reboot | --timeout 90 --json | 15 | 2.0 was installed but did not start; the device went back to 1.0
 installer_fails  | installer_fails slow_installer first_contact booted | refusal | | 25 | (error 5): installation failed; the package was refused: its signature is not trusted; 1.0 still runs; first contact: recorded
 disabled         | disabled pinned refused_before | - |                 | 29 | (error 9): update feature is disabled
 too_large        | too_large      | -           |                        | 3  | the package (8.0 MiB) is larger than the device takes (1.0 MiB); nothing was sent

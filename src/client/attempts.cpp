@@ -26,16 +26,22 @@ void pause(clock_type::duration length) {
             std::min<clock_type::duration>(tick, until - clock_type::now()));
 }
 
-// Any answer of the web server will do: the update itself tells the rest.
+// Any answer of the web server will do, a handshake with a certificate not
+// trusted yet (a first contact's) included: the update itself tells the rest.
+bool answers(http_session& session) {
+    const http_answer page = session.head(device_path::page);
+    return page.reached() || page.failure().status != EXIT_UNREACHABLE;
+}
+
 void await_online(const std::string& url, const connection_settings& how, int seconds,
                   update_report& report) {
     const auto deadline = clock_type::now() + std::chrono::seconds(seconds);
     http_session session(url, how);
-    if (session.head(device_path::page).reached()) return;
+    if (answers(session)) return;
     report.step("waiting up to " + std::to_string(seconds) + " s for the device to answer");
     while (!interrupted() && clock_type::now() < deadline) {
         pause(online_check);
-        if (session.head(device_path::page).reached()) return;
+        if (answers(session)) return;
     }
 }
 }  // namespace

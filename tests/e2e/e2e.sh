@@ -83,21 +83,6 @@ scenario_window() {
         "$(cd "$ROOT" && page -o /dev/null -w '%{http_code} ' -F package=@pkg "$CGI"; page -w ' %{http_code}' "$CGI?reboot=1")\
  $(grep -c '^preupdate' "$ROOT/fake/record") $(grep -c '^reboot' "$ROOT/fake/record")"
     check_true "the update reaches the installer" wait_for 10 log_has 'installing package file'
-    kill -KILL "$(update_pid)" && wait
-    check "killed: its lock and state cleared, its log saved" "STATUS_FREE  0" \
-        "$(wait_for 10 eval '[ "$(lock_state)" = STATUS_FREE ]'; lock_state) $(ls "$ROOT/var-log" | grep -v -e debug -e guard)\
- $(grep -c 'ERROR' "$ROOT/tolven-local/updater-cgi.log")"
-    fakes installer-delay=0 preupdate-delay=0
-    check "the next update runs at once" "200 2" \
-        "$(cd "$ROOT" && page -w '%{http_code}' -F package=@pkg "$CGI") $(grep -c '^updater' "$ROOT/fake/record")"
-}
-# The update's own process (not the adaptor waiting for it).
-update_pid() {
-    local cmdline
-    for cmdline in /proc/[0-9]*/cmdline; do
-        [[ $( { tr '\0' ' ' <"$cmdline"; } 2>/dev/null) == *"$ROOT/server/www/cgi-bin/updater"* ]] &&
-            ! grep -qa cgi-header "$cmdline" 2>/dev/null && basename "$(dirname "$cmdline")"
-    done
 }
 
 # Under 64 KiB lighttpd keeps the body in memory: no upload file, so no poll
@@ -173,9 +158,47 @@ scenario_race() {
             "$(grep -v -e STATUS_BUSY -e STATUS_FREE "$ROOT/polls"; grep -q STATUS_BUSY "$ROOT/polls" || echo never busy)"
         sleep 0.5 && device_reboot 1 && rm "$ROOT/fake/record"
     done
-    check "one installer at a time, no reboot during one" "$(printf 'installer start installer end reboot %.0s' 1 2)" \
-        "$(paste -sd' ' "$ROOT/fake/timeline") "
+    # A reboot request the given seconds after a POST's last bytes; a process
+    # of the update killed or stopped at a moment of it, or lighttpd, then
+    # another POST. Its answer, the outcome (free within 5 s of the
+    # installer's end, or the update's reboot) and the installers run.
+    local name moment act settings want got
+    while IFS='|' read -r name moment act settings want; do
+        fakes installer-delay=3 installer-status=0 $settings && package $((2 << 20)) && progress >/dev/null
+        post --limit-rate 4M >"$ROOT/post.code" &
+        wait_for 20 $moment && eval "$act" && got=-
+        [[ $moment == has_upload_file || $act == reboot* ]] ||
+            got=$(cd "$ROOT" && page -o /dev/null -w '%{http_code}' -F "package=@pkg.0" "$CGI")
+        wait_for 30 eval '! in_installer'
+        if [[ $want == *rebooted* ]]; then wait; wait_for 15 recorded '^reboot' && got+=" rebooted"
+        elif [[ $act != reboot* ]]; then wait_for 5 eval '[ "$(lock_state)" = STATUS_FREE ]' && got+=" free"; fi
+        wait && [[ $act != reboot* ]] || got="$(cat "$ROOT/post.code") $(cat "$ROOT/reboot.code")"
+        got+=" $(cat "$ROOT/fake/record" 2>/dev/null | grep -c '^updater')"
+        [[ $got != @(200 503 1|503 200 0) ]] || got=one
+        check "$name" "$want" "$got"
+        [ "$act" != device_restart ] || check "$name: the next update" "200 yes" \
+            "$(fakes installer-status=0; cd "$ROOT" && page -w '%{http_code}' -F package=@pkg "$CGI") $(recorded '^reboot' && echo yes)"
+        sleep 0.5 && device_reboot 1 && rm -f "$ROOT/fake/record" "$ROOT/reboot.code"
+    done <<'ROWS'
+a reboot request 0 ms after a POST's last bytes: the update or the reboot|body_sent|reboot 0||one
+a reboot request 10 ms after: the update or the reboot|body_sent|reboot 0.01||one
+a reboot request 30 ms after: the update or the reboot|body_sent|reboot 0.03||one
+SIGKILL of the program in the installer: busy, free, one installer|in_installer|kill -KILL "$(pid_of -v)"||503 free 1
+SIGTERM of the program in the installer: busy, free, one installer|in_installer|kill -TERM "$(pid_of -v)"||503 free 1
+SIGKILL of the adaptor in the copy: busy, its reboot, one installer|log_has reassembling|kill -KILL "$(pid_of "")"||503 rebooted 1
+SIGKILL of the adaptor in the installer: busy, its reboot, one installer|in_installer|kill -KILL "$(pid_of "")"||503 rebooted 1
+lighttpd killed in the upload, started again: free|has_upload_file|device_restart||- free 0
+lighttpd killed in the installer, started again: busy, free|in_installer|device_restart|installer-status=1 installer-delay=8|503 free 1
+ROWS
+    check "one installer at a time, no reboot during one" "" \
+        "$(echo "$(paste -sd' ' "$ROOT/fake/timeline") " | sed -E 's/(installer start installer end |reboot )//g')"
 }
+# The update's program (-v: not the adaptor), or its adaptor (cgi-header).
+pid_of() { local p; for p in $(pgrep -f "$ROOT/server/www/cgi-bin/updater"); do grep -qa $1 cgi-header "/proc/$p/cmdline" && echo "$p"; done; }
+in_installer() { [ "$(tail -n 1 "$ROOT/fake/timeline" 2>/dev/null)" = "installer start" ]; }
+body_sent() { local i; for i in {1..100}; do [ "$(wc -c "$ROOT"/var-tmp/lighttpd-upload-* 2>/dev/null |
+    awk 'END { print $1 + 0 }')" -ge $((2 << 20)) ] || log_has reassembling && return; done; return 1; }
+reboot() { sleep "$1" && page -o /dev/null -w '%{http_code}' "$CGI?reboot=1" >"$ROOT/reboot.code"; }
 
 # TLS 1.2 and 1.3 with forward-secret AEAD suites only.
 scenario_tls() {

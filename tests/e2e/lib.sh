@@ -30,12 +30,18 @@ device_stop() { in_netns "$E2E_DIR/device-lighttpd" --root "$ROOT" --stop; }
 # /var/tmp are emptied, /tolven/local stays.
 device_reboot() {  # seconds down
     device_stop && rm -rf "${ROOT:?}"/var-log/* "$ROOT"/tmp/* "$ROOT"/var-tmp/*
+    sleep "${1:-2}" && device_start_again
+}
+# lighttpd killed and started again, as systemd does; its CGIs go on.
+device_restart() { kill -KILL "$(cat "$ROOT/server/lighttpd.pid")" && wait_for 5 eval '! kill -0 "$(cat "$ROOT/server/lighttpd.pid")" 2>/dev/null' && device_start_again; }
+device_start_again() {
     local https plain
     https=$(cat "$ROOT/server/url") plain=$(cat "$ROOT/server/plain-url")
-    sleep "${1:-2}" && device_start "${DEVICE_ARGS[@]}" --port "${https##*:}" --plain-port "${plain##*:}"
+    device_start "${DEVICE_ARGS[@]}" --port "${https##*:}" --plain-port "${plain##*:}"
 }
 
-page() { curl -sS --http1.1 --max-time 20 --cacert "$CACERT" --digest -u "$AUTH" -H 'X-Updater-Page: 1' "$@"; }
+# curl's own choice of HTTP version, as a user's curl makes it.
+page() { curl -sS --max-time 20 --cacert "$CACERT" --digest -u "$AUTH" -H 'X-Updater-Page: 1' "$@"; }
 progress() { page "$CGI?request=1"; }
 lock_state() { page "$CGI?status=1"; }
 # A random package in ROOT/pkg, and what the installer fake records of it.
@@ -46,7 +52,7 @@ package() {  # bytes
 # Posts ROOT/pkg as the page does and prints the status. In the background
 # only: the job becomes curl itself, so that $! is curl's pid.
 post() {  # curl options...
-    exec curl -sS --http1.1 --max-time 180 --cacert "$CACERT" --digest -u "$AUTH" -H 'X-Updater-Page: 1' -o "$ROOT/post.body" \
+    exec curl -sS --max-time 180 --cacert "$CACERT" --digest -u "$AUTH" -H 'X-Updater-Page: 1' -o "$ROOT/post.body" \
         -w '%{http_code}' "$@" -F "package=@$ROOT/pkg;filename=fw.pkg" "$CGI"
 }
 

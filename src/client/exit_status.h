@@ -4,7 +4,7 @@
 
 // Exit statuses of update-device: one per way an update can end, so that a
 // script tells them apart. The table in exit_status.cpp is the only list;
-// --help prints it and the README copies it.
+// --help prints it and docs/update-device.md copies it.
 enum exit_status : int {
     EXIT_UPDATED = 0,
     EXIT_SOME_DEVICES_FAILED = 1,

@@ -185,7 +185,7 @@ scenario_race() {
         [[ $got != @(200 503 1|503 200 0) ]] || got=one
         check "$name" "$want" "$got"
         [ "$act" != device_restart ] || check "$name: the next update" "200 yes" \
-            "$(fakes installer-status=0; cd "$ROOT" && page -w '%{http_code}' -F package=@pkg "$CGI") $(recorded '^reboot' && echo yes)"
+            "$(fakes installer-status=0 installer-delay=0; cd "$ROOT" && page --max-time 60 -w '%{http_code}' -F package=@pkg "$CGI") $(recorded '^reboot' && echo yes)"
         sleep 0.5 && device_reboot 1 && rm -f "$ROOT/fake/record" "$ROOT/reboot.code"
     done <<'ROWS'
 a reboot request 0 ms after a POST's last bytes: the update or the reboot|body_sent|reboot 0||one

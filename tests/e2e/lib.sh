@@ -16,9 +16,7 @@ check_true() { if "${@:2}"; then check "$1" yes yes; else check "$1" yes no; fi;
 finish() { echo "$passed passed, $failed failed" && [ "$failed" -eq 0 ]; }
 
 # A fresh device root under E2E_WORK with updates enabled and instant fakes.
-device_init() {
-    ROOT=$E2E_WORK/$1 && rm -rf "$ROOT" && mkdir -p "$ROOT/fake" && echo true >"$ROOT/fake/uci-value" && "$E2E_DIR/device-status" "$ROOT"
-}
+device_init() { ROOT=$E2E_WORK/$1 && rm -rf "$ROOT" && mkdir -p "$ROOT/fake" && echo true >"$ROOT/fake/uci-value" && "$E2E_DIR/device-status" "$ROOT"; }
 # DEVICE_NETNS: lighttpd runs in that network namespace.
 in_netns() { if [ -n "${DEVICE_NETNS:-}" ]; then ip netns exec "$DEVICE_NETNS" "$@"; else "$@"; fi; }
 device_start() {  # [device-lighttpd options...]

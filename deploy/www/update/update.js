@@ -35,6 +35,7 @@
     const cap = (text) => text.charAt(0).toUpperCase() + text.slice(1);
     const clock = (date) => new Date(date).toLocaleTimeString();
     const mebibytes = (bytes) => (bytes / 1048576).toFixed(1) + ' MiB';
+    const size = (bytes) => (bytes < 1048576 ? bytes + ' bytes' : mebibytes(bytes));
 
     // Every answer, or its absence, passes here: when the device answers
     // again after a gap, what the page shows of it is read again.
@@ -187,7 +188,7 @@
     function renderDevice() {
         $('firmware').hidden = !device;
         if (!device) return;
-        $('running').textContent = 'Running: firmware ' + device.version + ' (system ' + device.slot + ')' +
+        $('running').textContent = 'Running: firmware ' + device.version + ' (slot ' + device.slot + ')' +
             (device.replaced ? ', which replaced ' + device.replaced : '') + '.';
         const last = device.last_install;
         $('installation').textContent = last ? 'Last installation, ' + new Date(last.time).toLocaleString() +
@@ -202,8 +203,8 @@
         if (!file) return 'Choose a package file.';
         if (file.size === 0) return file.name + ' is empty: it cannot be a firmware package. Choose another file.';
         if (most && file.size > most) {
-            return file.name + ' is ' + mebibytes(file.size) + '; this device takes packages of at most ' +
-                mebibytes(most) + '. Choose another file.';
+            return file.name + ' is ' + size(file.size) + '; this device takes packages of at most ' +
+                size(most) + '. Choose another file.';
         }
         return null;
     }
@@ -211,7 +212,7 @@
         const refused = refusal();
         const file = $('package').files[0];
         setState(refused ? 'Ready: ' + refused.charAt(0).toLowerCase() + refused.slice(1) :
-            'Ready: press Update to install ' + file.name + ' (' + mebibytes(file.size) + ').',
+            'Ready: press Update to install ' + file.name + ' (' + size(file.size) + ').',
         file && refused ? 'warn' : '');
     }
 
@@ -309,6 +310,7 @@
         setControls(false);
         setOutcome(note, 'error', note !== '');
         await records(update);
+        $('update-meter').hidden = false;
         setState('Another update is running on the device; you can update when it has ended.', 'warn');
         $('upload-meter').hidden = true;
         let last = null;
@@ -347,6 +349,7 @@
     // What the device said before an update, to tell its records after it.
     async function records(update) {
         const [log, doc] = await Promise.all([refreshLast(), refreshDevice()]);
+        if ('savedBefore' in update) return;  // this tab's own, from before its POST
         update.savedBefore = log && log.modified;
         update.installBefore = JSON.stringify(doc && doc.last_install);
         update.versionBefore = doc && doc.version;
@@ -405,7 +408,7 @@
             e.returnValue = 'An update is running.';
             return e.returnValue;
         };
-        $('upload-meter').hidden = false;
+        $('upload-meter').hidden = $('update-meter').hidden = false;
         setMeter('upload-meter', 0);
         setMeter('update-meter', 0);
         showLog($('log'), []);
@@ -472,7 +475,7 @@
         // The device's busy answer: another client's update holds it.
         const busy = () => {
             window.onbeforeunload = null;
-            return watch({other: true, file}, 'Another update was already running on the device: your ' +
+            return watch({...mine, other: true}, 'Another update was already running on the device: your ' +
                 'package ' + file.name + ' was not installed.');
         };
         if (posted && (await post) === BUSY) return busy();
@@ -498,6 +501,8 @@
     function end(update, text, kind) {
         window.onbeforeunload = null;
         keepOn(false);
+        // The saved copy under Last update is this update's log now.
+        if (fresh(update)) $('log').hidden = $('update-meter').hidden = true;
         setOutcome(text, kind, !!(update.file || update.asked));
         if (kind === 'success') $('package').value = '';
         return idle();
@@ -513,11 +518,10 @@
     async function failed(update, entry, entries) {
         await refreshLast();
         const stopped = entries.some((e) => e.plain.startsWith('stopping the application'));
-        const notSent = update.other && update.file ? ' Your package ' + update.file.name + ' was not sent.' : '';
         return end(update, cap(whose(update)) + ' failed: ' + entry.plain.slice(7) + '. ' + running() +
             ' still runs. ' + (stopped ? 'The application was stopped: reboot the device to start it again, ' +
             'then try a package made for this device.' : 'Nothing was changed: check the package and try again.') +
-            notSent, 'error');
+            unsent(update.other && update.file), 'error');
     }
 
     // The connection was lost after the whole package had left: the device
@@ -583,28 +587,26 @@
     async function finish(update) {
         const [, doc] = await Promise.all([refreshLast(), refreshDevice()]);
         const last = doc && doc.last_install;
+        let ours = update, text = '', kind = 'done';
         if (last && JSON.stringify(last) !== update.installBefore) {
             const sum = update.other ? null : await digest(update.file);
-            const ours = update.other || (sum !== null && sum !== last.sha256) ? {other: true} : update;
+            if (sum !== null && sum !== last.sha256) ours = {other: true};
             const good = last.result === 'installed' && !doc.fallback && doc.version === last.version;
-            const notSent = ours !== update && update.file ? ' Your package ' + update.file.name + ' was not installed.' : '';
-            return end(update, cap(whose(ours)) + ', installed at ' + clock(last.time) + ': ' + installVerdict(doc) +
+            text = cap(whose(ours)) + ', installed at ' + clock(last.time) + ': ' + installVerdict(doc) +
                 (good ? '; it replaced ' + (doc.replaced || update.versionBefore) + '.' : '. Try the package again, ' +
-                'or one made for this device; the trace under Last update tells more.') + notSent,
-            ours !== update ? 'done' : good ? 'success' : 'error');
+                'or one made for this device; the trace under Last update tells more.');
+            kind = good ? 'success' : 'error';
+        } else if (fresh(update)) {
+            const [said, verdict] = logVerdict(saved.entries, whose(update));
+            text = said + (verdict === 'ok' ? '' : ' ' + running() + ' still runs.');
+            kind = verdict === 'ok' ? 'success' : 'error';
+        } else if (!update.other) {
+            return end(update, 'The device answers, but it has no record of ' + whose(update) + ': its outcome ' +
+                'is unknown. Compare the running firmware with the package, or send it again.', 'error');
         }
-        if (fresh(update)) {
-            const [text, kind] = logVerdict(saved.entries, whose(update));
-            return end(update, text + (kind === 'ok' ? '' : ' ' + running() + ' still runs.'),
-                kind === 'ok' ? 'success' : 'error');
-        }
-        if (update.other) {
-            return end(update, update.file ? 'The device is free again: press Update to send ' + update.file.name +
-                '.' : '', 'done');
-        }
-        return end(update, 'The device answers, but it has no record of ' + whose(update) + ': its outcome ' +
-            'is unknown. Compare the running firmware with the package, or send it again.', 'error');
+        return end(update, (text + unsent(ours.other && update.file)).trim(), ours.other ? 'done' : kind);
     }
+    const unsent = (file) => (file ? ' Your package ' + file.name + ' was not installed.' : '');
 
     async function digest(file) {
         try {

@@ -249,7 +249,8 @@
         return saved;
     }
     // A copy newer than the one before this tab's update is that update's.
-    const fresh = (update) => !!saved && saved.modified !== update.savedBefore;
+    const fresh = (update) => !!saved && ('savedAfter' in update ? saved.modified === update.savedAfter :
+        saved.modified !== update.savedBefore);
 
     function renderLast() {
         const verdict = $('last-verdict');
@@ -308,7 +309,7 @@
     async function watch(update, note = '') {
         const g = enter();
         setControls(false);
-        setOutcome(note, 'error', note !== '');
+        if (note) setOutcome(note, 'error', true);
         await records(update);
         $('update-meter').hidden = false;
         setState('Another update is running on the device; you can update when it has ended.', 'warn');
@@ -475,6 +476,7 @@
         // The device's busy answer: another client's update holds it.
         const busy = () => {
             window.onbeforeunload = null;
+            mine.savedAfter = null;  // no saved log is this one's
             return watch({...mine, other: true}, 'Another update was already running on the device: your ' +
                 'package ' + file.name + ' was not installed.');
         };
@@ -501,9 +503,11 @@
     function end(update, text, kind) {
         window.onbeforeunload = null;
         keepOn(false);
-        // The saved copy under Last update is this update's log now.
-        if (fresh(update)) $('log').hidden = $('update-meter').hidden = true;
-        setOutcome(text, kind, !!(update.file || update.asked));
+        // The saved copy under Last update is this update's log now, and
+        // stays the only one named after it.
+        update.savedAfter = fresh(update) ? saved.modified : null;
+        if (update.savedAfter !== null) $('log').hidden = $('update-meter').hidden = true;
+        if (text) setOutcome(text, kind, !!(update.file || update.asked));
         if (kind === 'success') $('package').value = '';
         return idle();
     }

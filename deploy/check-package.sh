@@ -16,7 +16,8 @@ deb=$(echo "$scratch"/*.deb)
 
 listing=$(dpkg-deb -c "$deb" | awk '$1 !~ /^d/ { print $1, $6 }')
 grep -qx -- '-rwxr-xr-x ./www/cgi-bin/updater' <<<"$listing" || fail "no program ./www/cgi-bin/updater"
-layout='\./(www/cgi-bin/updater|usr/lib/updater/cgi-header|etc/lighttpd/conf.d/updater.conf|www/update/.*)'
+grep -qx -- '-rw-r--r-- ./usr/share/man/man8/updater.8.gz' <<<"$listing" || fail "no manual page updater.8"
+layout='\./(www/cgi-bin/updater|usr/lib/updater/cgi-header|etc/lighttpd/conf.d/updater.conf|www/update/.*|usr/share/man/man8/updater.8.gz)'
 ! grep -vE " $layout\$" <<<"$listing" || fail "files outside the layout (above)"
 
 dpkg-deb -x "$deb" "$scratch/root"

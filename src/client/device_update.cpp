@@ -2,6 +2,7 @@
 
 #include <thread>
 
+#include "device_status.h"
 #include "interrupt.h"
 #include "known_devices.h"
 #include "log_follower.h"
@@ -52,6 +53,8 @@ class device_update {
     outcome run() {
         const outcome lock = ask_lock_state();
         if (!lock.ok()) return lock;
+        const outcome fits = ask_status();
+        if (!fits.ok()) return fits;
         saved_before_ = saved_log_time(polls_);
         log_.take_baseline();
         if (interrupted()) {
@@ -61,7 +64,7 @@ class device_update {
         report_.step("sending " + file_name(settings_.package));
         package_upload post(control_, settings_.package, settings_.rate_limit);
         follow(post);
-        return conclude(post);
+        return with_status(conclude(post));
     }
 
   private:
@@ -83,6 +86,35 @@ class device_update {
                     "unexpected lock state \"" + lock.body.substr(0, 40) + "\""};
         }
         return {};
+    }
+
+    // What runs before the update, and the largest package the device takes:
+    // a larger one would fill its /tmp only after the whole upload.
+    outcome ask_status() {
+        before_ = read_device_status(polls_);
+        if (!before_.status) return {};
+        report_.step(running_text(*before_.status));
+        const uint64_t size = settings_.digest.size, most = before_.status->max_package_bytes;
+        if (most == 0 || size <= most) return {};
+        return {EXIT_PACKAGE_UNREADABLE, "the package (" + mebibytes(size) +
+                                             ") is larger than the device takes (" +
+                                             mebibytes(most) + "); nothing was sent"};
+    }
+
+    // Once the device's update has ended, by its own error or with the
+    // restart (a --no-wait success has not restarted yet), what the device
+    // says booted judges it; before that, the version before is all there is.
+    outcome with_status(outcome result) {
+        const bool ended =
+            result.ok() ? settings_.wait_for_restart
+                        : result.status == EXIT_NO_RESULT || result.status >= EXIT_DEVICE_ERROR;
+        const status_reading after = ended ? read_device_status(polls_) : status_reading{};
+        if (after.status) report_.step(running_text(*after.status));
+        result = judged(std::move(result), before_, after, settings_.digest.sha256);
+        if (result.ok() && result.install_result == "installed") {
+            report_.step(result.version_after + " installed and running");
+        }
+        return result;
     }
 
     // Progress requests only, until the final entry or the POST's end (a
@@ -204,6 +236,7 @@ class device_update {
     http_session control_;  // the lock state, then the POST
     http_session polls_;    // progress requests and the saved log
     log_follower log_;
+    status_reading before_;
     long long saved_before_ = -1;
     bool went_down_ = false;
     bool restarted_ = false;

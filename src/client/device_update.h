@@ -5,11 +5,13 @@
 
 #include "exit_status.h"
 #include "http_session.h"
+#include "package_digest.h"
 #include "update_report.h"
 
 struct update_settings {
     connection_settings connection;
     std::string package;
+    package_digest digest;  // this update's installation record names it
     // The longest wait for the device to restart, and for a device's log
     // to move once the package is sent.
     int timeout_seconds = 300;

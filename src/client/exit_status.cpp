@@ -17,7 +17,8 @@ constexpr status_row rows[] = {
     {EXIT_SOME_DEVICES_FAILED, "some failed", "several devices: at least one failed"},
     {EXIT_USAGE, "usage",
      "bad command line, or a file it names (password, netrc, devices, log) cannot be used"},
-    {EXIT_PACKAGE_UNREADABLE, "no package", "the package is missing or unreadable"},
+    {EXIT_PACKAGE_UNREADABLE, "no package",
+     "the package is missing or unreadable, or larger than the device takes; nothing was sent"},
     {EXIT_UNREACHABLE, "unreachable", "the device does not answer"},
     {EXIT_WRONG_PASSWORD, "wrong password", "the device refuses the user or password (401)"},
     {EXIT_REFUSED, "refused", "the device refuses the request (403)"},
@@ -37,6 +38,9 @@ constexpr status_row rows[] = {
     {EXIT_KEY_CHANGED, "key changed",
      "the device's key is not the pinned one or the one its first contact recorded; "
      "nothing was sent"},
+    {EXIT_ROLLED_BACK, "rolled back",
+     "the package was installed, but the device did not keep it running: it went back to the "
+     "version before (its status document says so)"},
     {EXIT_DEVICE_ERROR, "device error",
      "the device's update ended with an error it has no number for"},
 };

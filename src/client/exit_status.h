@@ -1,10 +1,11 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 // Exit statuses of update-device: one per way an update can end, so that a
 // script tells them apart. The table in exit_status.cpp is the only list;
-// --help prints it and the README copies it.
+// --help prints it and docs/update-device.md copies it.
 enum exit_status : int {
     EXIT_UPDATED = 0,
     EXIT_SOME_DEVICES_FAILED = 1,
@@ -21,6 +22,7 @@ enum exit_status : int {
     EXIT_INTERRUPTED = 12,
     EXIT_UNTRUSTED = 13,
     EXIT_KEY_CHANGED = 14,
+    EXIT_ROLLED_BACK = 15,
     // The device's own error N ends with EXIT_DEVICE_ERROR + N (N = 1..10);
     // an error entry the client does not know ends with EXIT_DEVICE_ERROR.
     EXIT_DEVICE_ERROR = 20,
@@ -38,6 +40,13 @@ struct outcome {
     int device_error = 0;          // the device's error number; 0: none or unknown
     std::string device_message{};  // the device's error entry, without "ERROR: "
     std::string verdict{};         // the saved log's last entry, once read
+    // What the device's status documents said; empty when it has none.
+    std::string version_before{};
+    std::string version_after{};
+    std::string slot{};
+    std::optional<bool> fallback{};
+    std::string install_result{};  // this update's installation: "installed", "refused"
+    std::string install_reason{};
 
     bool ok() const { return status == EXIT_UPDATED; }
     outcome& safe_to_retry(bool safe) {

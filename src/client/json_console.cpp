@@ -23,6 +23,16 @@ std::string utc_now() {
     std::snprintf(stamp, sizeof stamp, "%s.%03dZ", text, static_cast<int>(ms.count()));
     return stamp;
 }
+json text_or_null(const std::string& text) {
+    return text.empty() ? json() : json(text);
+}
+
+// This update's installation as the device recorded it; null when its
+// status document holds none.
+json last_install(const outcome& result) {
+    if (result.install_result.empty()) return json();
+    return {{"result", result.install_result}, {"reason", result.install_reason}};
+}
 }  // namespace
 
 class json_console::report : public update_report {
@@ -67,7 +77,12 @@ class json_console::report : public update_report {
                          {"result", exit_status_name(result.status)},
                          {"message", result.message},
                          {"device_error", device_error},
-                         {"verdict", result.verdict.empty() ? json() : json(result.verdict)},
+                         {"verdict", text_or_null(result.verdict)},
+                         {"version_before", text_or_null(result.version_before)},
+                         {"version_after", text_or_null(result.version_after)},
+                         {"slot", text_or_null(result.slot)},
+                         {"fallback", result.fallback ? json(*result.fallback) : json()},
+                         {"last_install", last_install(result)},
                          {"attempts", attempts_},
                          {"seconds", seconds},
                          {"phases", phases_}});

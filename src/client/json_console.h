@@ -9,8 +9,10 @@
 // JSON lines for scripts and records, one an event ("step", "upload" at every
 // tenth, "entry", "phase", "retry") and a final "result" record a device:
 // its URL, the package's file, SHA-256 and size, the exit status and its
-// name, the message, the device's error, the saved log's verdict, the
-// number of attempts and the time of each phase (UTC, ISO 8601). Every line
+// name, the message, the device's error, the saved log's verdict, what the
+// device's status document says (the versions before and after, the slot,
+// a fallback, this update's installation result and reason; null when it
+// has none), the number of attempts and the time of each phase (UTC, ISO 8601). Every line
 // is written whole and flushed, so a log file can be followed as it grows.
 class json_console : public console {
   public:

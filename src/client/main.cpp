@@ -54,8 +54,8 @@ int main(int argc, char** argv) {
         return usage_error("cannot write the log file " + opts.log_file);
     }
     std::string problem = package_problem(opts.update.package);
-    package_digest digest;
-    if (problem.empty() && (opts.json || log != nullptr) && !digest.read(opts.update.package)) {
+    package_digest& digest = opts.update.digest;
+    if (problem.empty() && !digest.read(opts.update.package)) {
         problem = "cannot read the package " + opts.update.package;
     }
     if (!problem.empty()) {

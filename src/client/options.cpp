@@ -382,8 +382,10 @@ std::string usage_text() {
         "\n"
         "Updates the firmware of devices through their web interface, as the update\n"
         "page does: refuses a busy device, uploads PACKAGE, follows the device's log,\n"
-        "waits for the restart and reads the saved log of the update. Checks every\n"
-        "option, device URL (http or https) and the package before sending anything.\n"
+        "waits for the restart and reads the saved log of the update. A device with a\n"
+        "status document tells the version and slot it runs before and after, and\n"
+        "whether it kept the new one. Checks every option, device URL (http or https)\n"
+        "and the package before sending anything.\n"
         "\n"
         "Options:\n";
     for (const option_row& row : option_table)

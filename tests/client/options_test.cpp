@@ -2,6 +2,7 @@
 
 #include <sstream>
 
+#include "device_status.h"
 #include "device_url.h"
 #include "exit_status.h"
 #include "options.h"
@@ -145,4 +146,17 @@ TEST(client_options, help_lists_every_device_error) {
     EXPECT_EQ(count, 10u);
     EXPECT_NE(table.find("30  the device's error 10: update already in progress"),
               std::string::npos);
+}
+
+// Cases the device rig cannot make cheaply: a device that gains its status
+// document with this update is judged by it; one whose document before the
+// upload could not be read is not (the record may be an earlier sending).
+TEST(client_status, verdict_needs_a_readable_document_before) {
+    const std::string sha(64, 'a');
+    const status_reading fell_back{
+        false, device_status{"1.0", "A", true, 0, {{"t", "2.0", sha, "installed", ""}}}};
+    EXPECT_EQ(judged({}, status_reading{}, fell_back, sha).status, EXIT_ROLLED_BACK);
+    const outcome unknown = judged({}, status_reading{false, std::nullopt}, fell_back, sha);
+    EXPECT_EQ(unknown.status, EXIT_UPDATED);
+    EXPECT_EQ(unknown.install_result + unknown.version_after, "1.0");
 }

@@ -9,9 +9,11 @@ name=$1
 
 #  case          | before         | during      | client options         | status | output has (texts split by ';')
 table="
-success          | slow_preupdate | play_reboot | --timeout 30 --limit-rate 2M --log /dev/null | 0 | of 8.0 MiB; upload complete: 8.0 MiB in; firmware successfully loaded; the device is back
-installer_fails  | installer_fails first_contact | - |                 | 25 | (error 5): installation failed; first contact: recorded
-disabled         | disabled pinned | -          |                        | 29 | (error 9): update feature is disabled
+success          | slow_preupdate booted | play_reboot | --timeout 90 --limit-rate 2M --log /dev/null | 0 | of 8.0 MiB; upload complete: 8.0 MiB in; firmware successfully loaded; the device is back; the device runs 1.0 in slot A; the device runs 2.0 in slot B; 2.0 installed and running
+rolled_back      | slow_preupdate booted fallback_boot | play_reboot | --timeout 90 --json | 15 | 2.0 was installed but did not start; the device went back to 1.0
+installer_fails  | installer_fails slow_installer first_contact booted | refusal | | 25 | (error 5): installation failed; the package was refused: its signature is not trusted; 1.0 still runs; first contact: recorded
+disabled         | disabled pinned refused_before | - |                 | 29 | (error 9): update feature is disabled
+too_large        | too_large      | -           |                        | 3  | the package (8.0 MiB) is larger than the device takes (1.0 MiB); nothing was sent
 untrusted        | untrusted      | -           |                        | 13 | certificate is not trusted
 key_changed      | other_key      | -           |                        | 14 | the device's key has changed: 
 busy             | busy           | -           |                        | 7  | device busy
@@ -20,14 +22,14 @@ wrong_password   | wrong_password | -           |                        | 5  | 
 cut_upload       | -              | cut_upload  | --limit-rate 4M        | 8  | connection lost during the upload
 two_devices      | second_device first_contact terminal | - | --no-wait --parallel 2 | 1  | device error
 interrupt_two    | second_device first_contact | interrupt | --limit-rate 1M --parallel 2 | 12 | interrupted during the upload
-netrc_json       | netrc_devices first_contact | - | --json --no-wait --parallel 1 --proxy http://127.0.0.1:1 --noproxy 127.0.0.1,localhost | 1 | installation failed
+netrc_json       | netrc_devices first_contact no_status | - | --json --no-wait --parallel 1 --proxy http://127.0.0.1:1 --noproxy 127.0.0.1,localhost | 1 | installation failed
 unreachable      | -              | -           | --retry 1 --proxy http://127.0.0.1:1 | 4  | device unreachable; trying again in 1 s
 wrong_scheme     | wrong_scheme   | -           |                        | 10 | request failed
 interrupt_twice  | hung_server    | interrupt_twice |                    | 12 | asking the device's lock state
 late_device      | late_device first_contact | come_up_late | --wait-online 30 --no-wait | 0 | waiting up to 30 s for the device; the next update must wait for it
 busy_then_free   | busy           | free_later  | --retry 3 --no-wait    | 0  | device busy: another update is running; nothing was sent; trying again in 1 s
 saved_log_refused | slow_preupdate | refuse_saved_log | --timeout 30 | 6 | request refused by the device (HTTP 403)
-stuck_installer  | stuck_installer | -          | --timeout 2            | 11 | log has not moved for 2 s
+stuck_installer  | stuck_installer other_fallback | - | --timeout 2      | 11 | log has not moved for 2 s
 no_second_post   | slow_installer | power_cut   | --retry 3 --timeout 4  | 11 | no saved log of the last update; the outcome is unknown
 no_package       | no_package     | -           |                        | 3  | cannot read the package
 refused_early    | refused_early  | -           |                        | 3  | is empty"
@@ -49,6 +51,33 @@ stop_second() { :; }
 
 # --- before the client, or while it runs -------------------------------------
 -() { :; }
+# The device status document, written as a boot writes it: version, slot,
+# fallback, and the last installation (its version, package digest, result,
+# reason), the most the device takes.
+status_document() {  # version slot fallback [version sha256 result [reason]] [max]
+    local last=null dir=$ROOT/run-updater
+    [ -z "${4:-}" ] || last=$(jq -n --arg v "$4" --arg s "$5" --arg r "$6" --arg why "${7:-}" \
+        '{time: "2026-11-25T10:46:22Z", version: $v, sha256: $s, result: $r, reason: $why}')
+    mkdir -p "$dir" && jq -n --arg v "$1" --arg slot "$2" --argjson f "$3" --argjson last "$last" \
+        --argjson max "${8:-201326592}" '{version: $v, slot: $slot, fallback: $f, replaced: null,
+        max_package_bytes: $max, last_install: $last}' >"$dir/.device.json" && mv "$dir/.device.json" "$dir/device.json"
+}
+sha=$(sha256sum <"$ROOT/pkg" | cut -d' ' -f1)
+booted() { status_document 1.0 A false; }
+fallback_boot() { : >"$ROOT/fake/boot-fallback"; }
+# The boot after this package's installation: the new slot, or the old one again.
+new_boot() {
+    if [ -e "$ROOT/fake/boot-fallback" ]; then status_document 1.0 A true 2.0 "$sha" installed
+    else status_document 2.0 B false 2.0 "$sha" installed; fi
+}
+# The installer keeps its reason for the page while it still runs.
+refusal() { wait_for 60 recorded '^updater' && status_document 1.0 A false 1.0 "$sha" refused 'its signature is not trusted'; }
+# Earlier installations prove nothing: this package refused before this
+# update, another one that fell back.
+refused_before() { status_document 1.0 A false 2.0 "$sha" refused 'it does not fit'; }
+other_fallback() { status_document 1.0 A true 2.0 "${sha//?/0}" installed; }
+no_status() { rm -f "$ROOT/run-updater/device.json" "$second/run-updater/device.json"; }
+too_large() { status_document 1.0 A false "" "" "" "" $((1 << 20)); }
 installer_fails() { echo 1 >"$ROOT/fake/installer-status"; }
 disabled() { echo false >"$ROOT/fake/uci-value"; }
 busy() { : >"$ROOT/var-tmp/lighttpd-upload-other" && progress >/dev/null; }
@@ -118,7 +147,7 @@ play_reboot() {
         sleep 1 && mv "$ROOT/users" "$ROOT/server/updater.htdigest"
     wait_for 60 log_has 'firmware successfully loaded'
     check "$name: the lock held through the update" STATUS_BUSY "$(lock_state)"
-    wait_for 60 recorded '^reboot' && sleep 0.5 && device_reboot 2
+    wait_for 60 recorded '^reboot' && new_boot && sleep 0.5 && device_reboot 2
 }
 # The saved log, copied before the reboot, becomes no file the server sends.
 refuse_saved_log() {
@@ -171,7 +200,7 @@ case $name in
         check "$name: an upload line a tenth" "" "$(grep -o '^upload [0-9]*' "$ROOT/client.out" | awk '{ print int($2 / 10) }' | uniq -d)" ;;
     installer_fails)
         check "$name: the first contact recorded the device's key" "${BASE#https://} $PIN" "$(cat "$ROOT/known")" ;;
-    busy | wrong_password | untrusted | key_changed)
+    busy | wrong_password | untrusted | key_changed | too_large)
         check "$name: nothing was posted" "" "$(grep '^uci' "$ROOT/fake/record")" ;;&
     busy)
         check "$name: the other upload keeps its lock" STATUS_BUSY "$(lock_state)" ;;
@@ -185,12 +214,17 @@ case $name in
         check "$name: the second device is free too" "" "$(ls "$second/var-log/updater-cgi.lock" 2>/dev/null)" ;;
     netrc_json)
         results() { jq -r "select(.event == \"result\") | $1" "$ROOT/client.out" | sort | xargs; }
-        check "$name: each device's own status and error" "0 null 25 5" "$(results '"\(.status) \(.device_error.number)"')"
+        check "$name: each device's own status and error, no document" "0 null null 25 5 null" "$(results '"\(.status) \(.device_error.number) \(.version_after)"')"
         check "$name: the package's digest and size" "$(sha256sum <"$pkg" | cut -d' ' -f1) $((8 << 20))" \
             "$(results '"\(.package.sha256) \(.package.size)"' | xargs -n2 | sort -u)"
         check "$name: the phases' times" "true true" "$(results '.phases | has("upload") and has("sent") and has("final_entry")')"
         check "$name: the installers got it" "$installed$installed" "$(grep -h '^updater' "$ROOT/fake/record" "$second/fake/record" | tr -d '\n')"
         check "$name: one device at a time (--parallel 1)" 2 "$(jq -r .device "$ROOT/client.out" | uniq | wc -l)" ;;
+    rolled_back)
+        check "$name: the record says what booted" "15 1.0 1.0 A true installed" \
+            "$(jq -r 'select(.event == "result") | "\(.status) \(.version_before) \(.version_after) \(.slot) \(.fallback) \(.last_install.result)"' "$ROOT/client.out")" ;;
+    disabled)
+        check "$name: no verdict of an earlier installation" 0 "$(grep -c refused "$ROOT/client.out")" ;;
     busy_then_free)
         check "$name: only this update's entries" 0 "$(grep -c 'the other upload' "$ROOT/client.out")" ;;
     no_second_post)

@@ -138,6 +138,14 @@ scenario_signin() {
     check "every refusal as expected" "" "$(hostile_requests | awk '$1 != $2')"
     check "the program never ran" "" "$(ls "$ROOT/var-log"; ls "$ROOT/fake/record" 2>/dev/null)"
     check "signed in with the header, it answers" STATUS_FREE "$(lock_state)"
+    local framed="-s -o /dev/null -D - --cacert $CACERT"
+    frame() { tr -d '\r' | awk '/^HTTP/ { s = $2; f = "none" } tolower($1) == "x-frame-options:" { f = $2 } END { print s, f }'; }
+    check "lighttpd's own answers framed too: a Range past the end, an unknown method" "200 DENY 501 DENY" \
+        "$(curl $framed --digest -u "$AUTH" -r 99999999- "$BASE/update/update.js" | frame) $(curl $framed -X FOO "$BASE/update/" | frame)"
+    device_stop && device_start --plain-http || return
+    local plain="-s -o /dev/null -w %{http_code} --digest -u $AUTH -HX-Updater-Page:1 $PLAIN/cgi-bin/updater?status=1"
+    check "a plain port that serves (the demo's): a foreign Host refused, its own answered" "403 200" \
+        "$(curl $plain -HHost:evil.example) $(curl $plain)"
 }
 
 # Eight clients against one device, packages of 1 KiB to 64 MiB at full speed

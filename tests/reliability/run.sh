@@ -95,7 +95,7 @@ one_update() {  # MiB
     grep -qxF "$installed" "$ROOT/fake/record" && : >"$ROOT.exact" || echo "package not byte-exact"
     ls "$ROOT"/var-log/updater-cgi.lock "$ROOT"/tmp/updater-cgi-temp.pkg "$ROOT"/var-tmp/* 2>/dev/null | sed 's/^/left: /'
     # "Free" answers from the first "busy" until a second before the POST's
-    # answer: the start-of-update window (see the README).
+    # answer: the start-of-update window (see docs/design.md).
     sort -k3 -n "$ROOT"/polls.* | awk -v end="$end" '$1 == "STATUS_BUSY" { busy = 1 }
         busy && $1 == "STATUS_FREE" && $3 < end - 1 { n++ } END { print n + 0 }' >"$ROOT.free"
     grep -q STATUS_BUSY "$ROOT"/polls.* || echo "lock never seen taken"
@@ -105,7 +105,7 @@ area_load() {  # updates mib
         one_update "$2"
     local codes
     codes=$(cat "$E2E_WORK"/*/polls.* | awk '{ print $(NF > 1 ? 2 : 1) }' | tally)
-    row "polls during the updates" "$([[ $codes =~ ^200\ x[0-9]+$ ]] && echo pass || echo FAIL)" "$(cat "$E2E_WORK"/*/polls.* | wc -l) requests, HTTP $codes; exits $(awk '/^GET/ { print $2 }' "$E2E_WORK"/*/fake/exits | tally); STATUS_FREE while updating (start-of-update window, see README): $(cat "$E2E_WORK"/*.free | awk "{ n += \$1 } END { print n + 0 }")"
+    row "polls during the updates" "$([[ $codes =~ ^200\ x[0-9]+$ ]] && echo pass || echo FAIL)" "$(cat "$E2E_WORK"/*/polls.* | wc -l) requests, HTTP $codes; exits $(awk '/^GET/ { print $2 }' "$E2E_WORK"/*/fake/exits | tally); STATUS_FREE while updating (start-of-update window, see docs/design.md): $(cat "$E2E_WORK"/*.free | awk "{ n += \$1 } END { print n + 0 }")"
     row "time per update (POST to answer)" - "$(cat "$E2E_WORK"/*.ms | median_max) ms"
 }
 

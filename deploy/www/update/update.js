@@ -293,7 +293,7 @@
                 setControls(false);
                 setState('The device does not answer; trying again.', 'warn');
             } else if (answer.text === 'STATUS_BUSY') {
-                return watch({other: true});
+                return watch({other: true, file: $('package').files[0]});  // the chosen file waits
             } else {
                 setControls(true);
                 ready();

@@ -3,20 +3,23 @@
  * the program's path as the one argument: it writes the header and becomes
  * the program (argument count 1, environment and standard input untouched).
  *
- * It is also the guard that lets one update process exist at a time on the
+ * It is also the guard that lets one update or reboot exist at a time on the
  * device, whatever its clients do (the program's own lock is taken only when
  * a poll sees lighttpd's upload file, and a POST never tests it). The guard
- * file holds three locks. A POST takes "update" exclusively, or gets the busy
- * answer (503, the program's own text) without the program; then it waits
- * until no other request's program runs ("requests" exclusively), and runs
- * the update as its child, holding both to its end and, after a success,
- * until the device goes down. Every other request runs its program with
- * "requests" shared; while "update" is held it gets its answer from here
- * instead: STATUS_BUSY for the lock state, the update log as it stands for
- * progress, the busy answer for a reboot or a reset. So an update never runs
- * beside another run of the program, and nothing but that update touches
- * the state files meanwhile. Progress requests also take "progress turn" in
- * turn, so that no two of them race for the program's lock.
+ * file holds four locks. A POST or a reboot request takes "update"
+ * exclusively and "tree" on a description of its own, or gets the busy answer
+ * (503, the program's own text) without the program; then it waits until no
+ * other request's program runs ("requests" exclusively), and runs the program
+ * as its child. The child inherits "tree" as descriptor 3, and so do the
+ * commands it runs, the installer included: the kernel keeps that lock until
+ * the last of them ends, whoever is killed. This process keeps "update" until
+ * then, clears what a stopped update left, and after a success or a reboot
+ * request until the device goes down. Every other request runs its program
+ * with "requests" shared; while "update" or "tree" is held it gets its answer
+ * from here instead: STATUS_BUSY for the lock state, the update log as it
+ * stands for progress, the busy answer for a reset. Progress requests also
+ * take "progress turn" in turn, so that no two of them race for the
+ * program's lock.
  *
  * It runs for every poll, so it does little else, and where it can (built
  * with CGI_HEADER_NO_LIBC) it does it with bare system calls: the start-up of
@@ -37,11 +40,17 @@ static const char status_busy[] =
    descriptor, whoever holds it, also at a SIGKILL. */
 static const char guard_path[] = "/var/log/updater-guard";
 static const char log_path[] = "/var/log/updater-cgi.log";
+static const char status_path[] = "/var/log/updater-cgi.status";
 static char reset_method[] = "REQUEST_METHOD=GET";
+/* A SIGTERM ends the program with 0 too: only this entry tells a success. */
+static const char success_entry[] = "firmware successfully loaded";
+/* sudo closes descriptors from 4 on (closefrom=4 in the device's sudoers). */
+enum { tree_fd = 3 };
 
-/* The program's reboot after a success returns at once, and the device goes
-   down seconds later (lighttpd is stopped then, and this with it). The guard
-   stays held that long, but no longer than this if the reboot never comes. */
+/* The program's reboot (after a success or for a reboot request) returns at
+   once, and the device goes down seconds later (lighttpd is stopped then,
+   and this with it). The guard stays held that long, but no longer than this
+   if the reboot never comes. */
 enum { hold_after_success_ms = 120000 };
 /* What a POST waits at most for programs of requests begun before it: a
    progress request that ends in an error clears the state files 1.5 s on. */
@@ -56,14 +65,15 @@ enum {
     f_wrlck = 1,
     f_unlck = 2
 };
-enum { update_lock = 0, requests_lock = 1, progress_turn = 2 }; /* the byte each lock covers */
+/* The byte each lock covers; a request tests "update" and "tree" at once. */
+enum { update_lock = 0, tree_lock = 1, requests_lock = 2, progress_turn = 3 };
 struct guard_lock {
     short type, whence;
     long long start, length;
     int pid;
 };
 /* SIGHUP, SIGINT, SIGQUIT, SIGTERM: what would end an update's waiting
-   parent before its child; SIGKILL still does, and the guard goes with it. */
+   parent before its child; SIGKILL still does, and the tree's lock stays. */
 static const unsigned long long stop_signals = 1u << 0 | 1u << 1 | 1u << 2 | 1u << 14;
 
 #ifdef CGI_HEADER_NO_LIBC
@@ -77,6 +87,7 @@ enum {
     nr_sigprocmask = 14,
     nr_nanosleep = 35,
     nr_access = 21,
+    nr_dup2 = 33,
     nr_fork = 57,
     nr_execve = 59,
     nr_wait4 = 61,
@@ -102,6 +113,7 @@ enum {
     nr_fork = 2,
     nr_execve = 11,
     nr_access = 33,
+    nr_dup2 = 63,
     nr_wait4 = 114,
     nr_nanosleep = 162,
     nr_sigprocmask = 175,
@@ -127,6 +139,12 @@ static long put(const char* text, unsigned long size) {
 }
 static int executable(const char* path) {
     return sys(nr_access, (long)path, 1 /* X_OK */, 0, 0) == 0;
+}
+static int exists(const char* path) {
+    return sys(nr_access, (long)path, 0 /* F_OK */, 0, 0) == 0;
+}
+static void move_file(int from, int to) {
+    sys(nr_dup2, from, to, 0, 0);
 }
 static void become(char* path, char** envp) {
     char* args[] = {path, 0};
@@ -188,6 +206,12 @@ static long put(const char* text, unsigned long size) {
 }
 static int executable(const char* path) {
     return access(path, X_OK) == 0;
+}
+static int exists(const char* path) {
+    return access(path, F_OK) == 0;
+}
+static void move_file(int from, int to) {
+    dup2(from, to);
 }
 static void become(char* path, char** envp) {
     char* const args[] = {path, 0};
@@ -285,10 +309,10 @@ static enum request classify(char** envp) {
 
 /* ---- the guard ------------------------------------------------------------ */
 
-/* 1 taken (for f_ofd_getlk: free), 0 held by another, -1 no such lock here
-   (a kernel without them): the request then goes on unguarded. */
-static int guard(int fd, int command, short type, int which) {
-    struct guard_lock lock = {type, 0, which, 1, 0};
+/* 1 taken (for f_ofd_getlk: all free), 0 held by another, -1 no such lock
+   here (a kernel without them): the request then goes on unguarded. */
+static int guard(int fd, int command, short type, int first, int count) {
+    struct guard_lock lock = {type, 0, first, count, 0};
     int result = lock_file(fd, command, &lock);
     return command == f_ofd_getlk && result == 1 ? lock.type == f_unlck : result;
 }
@@ -307,9 +331,27 @@ static int answer_busy(enum request request) {
     return 0;
 }
 
-static int run_program(char* path, char** envp, const signal_set* mask) {
+/* The success entry, within the log's last 64 bytes. */
+static int log_says_success(void) {
+    int log = open_file(log_path, o_rdonly | o_cloexec);
+    char buffer[4096];
+    unsigned long matched = 0, after = 64;
+    long size;
+    while (log >= 0 && (size = read_file(log, buffer, sizeof buffer)) > 0)
+        for (long i = 0; i < size; ++i, ++after) {
+            matched =
+                buffer[i] == success_entry[matched] ? matched + 1 : buffer[i] == success_entry[0];
+            if (matched == sizeof success_entry - 1) after = 0, matched = 0;
+        }
+    if (log >= 0) close_file(log);
+    return after < 64;
+}
+
+/* The child gets the update's tree lock as descriptor 3 (tree < 0: none). */
+static int run_program(char* path, char** envp, const signal_set* mask, int tree) {
     int child = start_child();
     if (child == 0) {
+        if (tree >= 0 && tree != tree_fd) move_file(tree, tree_fd);
         set_signal_mask(mask);
         become(path, envp);
         leave(127);
@@ -317,30 +359,34 @@ static int run_program(char* path, char** envp, const signal_set* mask) {
     return child < 0 ? 1 << 8 : wait_child(child);
 }
 
-/* The update runs in a child; this process waits with the guard, which the
-   child does not inherit (nor the commands it runs), and its exit value is
-   the program's. It keeps the answer open until it ends: lighttpd sends
-   SIGTERM to a CGI still running when its answer is complete. A success
-   keeps the guard in a process of its own until the device goes down; a stop
-   signal meanwhile (the device going down) or any failure lets it go. An
-   update killed by a signal leaves its lock and state 2 behind, which every
-   lock-state request would answer busy: the program's own reset (a GET
-   without a query) clears them, its log saved, before the guard goes. */
-static int run_update(int guard, char* path, char** envp) {
+/* The update or reboot runs in a child; this process waits with the guard,
+   and its exit value is the program's. It keeps the answer open until it
+   ends: lighttpd sends SIGTERM to a CGI still running when its answer is
+   complete. Then it waits for the last process holding the tree lock (an
+   installer the killed program left, say). A stopped or killed update left
+   its lock and state behind, which every lock-state request would answer
+   busy: the program's own reset (a GET without a query) clears them, its log
+   saved, before the guard goes. A success or a reboot request keeps the guard
+   in a process of its own until the device goes down; a stop signal
+   meanwhile (the device going down) lets it go. */
+static int run_guarded(int guard_fd, int tree, enum request request, char* path, char** envp) {
     signal_set mask;
     block_stop_signals(&mask);
-    int status = run_program(path, envp, &mask);
-    if ((status & 0x7f) != 0) {
+    int status = run_program(path, envp, &mask, tree);
+    close_file(tree);
+    int keep = request == reboot || (status == 0 && log_says_success());
+    guard(guard_fd, f_ofd_setlkw, f_wrlck, tree_lock, 1);
+    if (!keep && exists(status_path)) {
         char* reset_environment[] = {reset_method, 0};
-        run_program(path, reset_environment, &mask);
+        run_program(path, reset_environment, &mask, -1);
     }
-    if (status == 0 && !signals_pending() && start_child() == 0) {
+    if (keep && !signals_pending() && start_child() == 0) {
         for (int fd = 0; fd <= 2; ++fd)
             close_file(fd);
         set_signal_mask(&mask);
         pause_ms(hold_after_success_ms);
     }
-    close_file(guard);
+    close_file(guard_fd);
     return (status & 0x7f) ? 128 + (status & 0x7f) : status >> 8 & 0xff;
 }
 
@@ -352,34 +398,37 @@ static int adapt(int argc, char** argv, char** envp) {
         return 1;
     }
     enum request request = classify(envp);
-    /* A guard file that cannot be opened (a broken /var/log) leaves the
-       request unguarded, as the program alone would run it. */
-    int fd = request == other
-                 ? -1
-                 : open_file(guard_path, request == update     ? o_rdwr | o_creat | o_cloexec
-                                         : request == progress ? o_rdwr | o_creat
-                                                               : o_rdonly | o_creat);
+    int exclusive = request == update || request == reboot;
+    /* Opened first, the tree's description is descriptor 3 already. A guard
+       file that cannot be opened (a broken /var/log) leaves the request
+       unguarded, as the program alone would run it. */
+    int tree = exclusive ? open_file(guard_path, o_rdwr | o_creat) : -1;
+    int fd = request == other ? -1
+                              : open_file(guard_path, exclusive ? o_rdwr | o_creat | o_cloexec
+                                                      : request == progress ? o_rdwr | o_creat
+                                                                            : o_rdonly | o_creat);
     int guarded = 0;
-    if (fd >= 0 && request == update) {
-        guarded = guard(fd, f_ofd_setlk, f_wrlck, update_lock);
+    if (fd >= 0 && tree >= 0) {
+        guarded = guard(fd, f_ofd_setlk, f_wrlck, update_lock, 1);
+        if (guarded > 0) guarded = guard(tree, f_ofd_setlk, f_wrlck, tree_lock, 1);
         if (guarded == 0) return answer_busy(request);
         for (int waited = 0; guarded > 0 && waited < wait_for_requests_ms; waited += wait_step_ms) {
-            if (guard(fd, f_ofd_setlk, f_wrlck, requests_lock) != 0) break;
+            if (guard(fd, f_ofd_setlk, f_wrlck, requests_lock, 1) != 0) break;
             pause_ms(wait_step_ms);
         }
-    } else if (fd >= 0) {
+    } else if (fd >= 0 && !exclusive) {
         /* The shared lock goes with the descriptor into the program. */
-        if (guard(fd, f_ofd_getlk, f_wrlck, update_lock) == 0 ||
-            guard(fd, f_ofd_setlk, f_rdlck, requests_lock) == 0)
+        if (guard(fd, f_ofd_getlk, f_wrlck, update_lock, 2) == 0 ||
+            guard(fd, f_ofd_setlk, f_rdlck, requests_lock, 1) == 0)
             return answer_busy(request);
         /* Two polls that see an upload file together both try the program's
            lock, and the loser's error ending clears the winner's lock, state
            and saved log: progress requests take turns, each a few ms. */
-        if (request == progress) guard(fd, f_ofd_setlkw, f_wrlck, progress_turn);
+        if (request == progress) guard(fd, f_ofd_setlkw, f_wrlck, progress_turn, 1);
     }
     /* 52 bytes into a pipe are written whole or not at all. */
     if (put(header, sizeof header - 1) != (long)(sizeof header - 1)) return 1;
-    if (guarded > 0) return run_update(fd, argv[1], envp);
+    if (guarded > 0) return run_guarded(fd, tree, request, argv[1], envp);
     become(argv[1], envp);
     return 127;
 }

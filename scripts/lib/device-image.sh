@@ -113,6 +113,8 @@ device_files=(
     "deploy/device/fstab:/etc/fstab:644"
     "deploy/device/sudoers:/etc/sudoers.d/updater:440"
     "deploy/device/tmpfiles.conf:/etc/tmpfiles.d/updater.conf:644"
+    "deploy/device/clear-dead-server:/usr/local/sbin/clear-dead-server:755"
+    "deploy/device/lighttpd-restart.conf:/etc/systemd/system/lighttpd.service.d/restart.conf:644"
     "deploy/device/network:/etc/systemd/network/20-wired.network:644"
     "deploy/device/device-certificate:/usr/local/sbin/device-certificate:755"
     "deploy/device/device-certificate.service:/etc/systemd/system/device-certificate.service:644"

@@ -16,14 +16,16 @@ entries() { sed 's/\[[0-9]\{3\}\.[0-9]\{3\}/[T/g'; } # the log with its time sta
 SUCCESS='[T:40] reassembling data ...<br>[T:50] package file received<br>[T:60] stopping the application ...<br>'\
 '[T:80] installing package file ...<br>[T:100] update completed<br>[T:100] <font color=#2020ff><b>update completed, firmware successfully loaded<br>'
 
-# 64 MiB posted slowly enough for polls to see lighttpd's upload file.
+# 64 MiB posted slowly enough for polls to see lighttpd's upload file; the
+# client stopped meanwhile, so that the upload is still on for every poll.
 scenario_update() {
     fakes installer-delay=1
     package $((64 << 20))
     check "idle progress starts the log" '[000.000:1] waiting for file ...<br>' "$(progress)"
     post --limit-rate 16M >"$ROOT/post.code" &
+    local client=$! answer polls=() i
     check_true "lighttpd keeps the arriving body in /var/tmp" wait_for 10 has_upload_file
-    local answer start polls=() i
+    kill -STOP "$client"
     for i in 1 2 3 4 5 6 7 8; do progress >"$ROOT/poll.$i" & polls+=($!); done
     wait "${polls[@]}"
     answer=$(cat "$ROOT/poll.1")
@@ -32,6 +34,7 @@ scenario_update() {
         "$(for i in 1 2 3 4 5 6 7 8; do cat "$ROOT/poll.$i"; echo; done)"
     check "then: state 1, lock 1, busy, the same log, the upload still on" "1 1 STATUS_BUSY $answer 0" \
         "$(state) $(cat "$ROOT/var-log/updater-cgi.lock") $(lock_state) $(progress) $(has_upload_file; echo $?)"
+    kill -CONT "$client"
     check_true "success entry within 60 s" wait_for 60 log_has 'firmware successfully loaded'
     check "lock state in the pause after success" STATUS_BUSY "$(lock_state)"
     wait
@@ -83,21 +86,6 @@ scenario_window() {
         "$(cd "$ROOT" && page -o /dev/null -w '%{http_code} ' -F package=@pkg "$CGI"; page -w ' %{http_code}' "$CGI?reboot=1")\
  $(grep -c '^preupdate' "$ROOT/fake/record") $(grep -c '^reboot' "$ROOT/fake/record")"
     check_true "the update reaches the installer" wait_for 10 log_has 'installing package file'
-    kill -KILL "$(update_pid)" && wait
-    check "killed: its lock and state cleared, its log saved" "STATUS_FREE  0" \
-        "$(wait_for 10 eval '[ "$(lock_state)" = STATUS_FREE ]'; lock_state) $(ls "$ROOT/var-log" | grep -v -e debug -e guard)\
- $(grep -c 'ERROR' "$ROOT/tolven-local/updater-cgi.log")"
-    fakes installer-delay=0 preupdate-delay=0
-    check "the next update runs at once" "200 2" \
-        "$(cd "$ROOT" && page -w '%{http_code}' -F package=@pkg "$CGI") $(grep -c '^updater' "$ROOT/fake/record")"
-}
-# The update's own process (not the adaptor waiting for it).
-update_pid() {
-    local cmdline
-    for cmdline in /proc/[0-9]*/cmdline; do
-        [[ $( { tr '\0' ' ' <"$cmdline"; } 2>/dev/null) == *"$ROOT/server/www/cgi-bin/updater"* ]] &&
-            ! grep -qa cgi-header "$cmdline" 2>/dev/null && basename "$(dirname "$cmdline")"
-    done
 }
 
 # Under 64 KiB lighttpd keeps the body in memory: no upload file, so no poll
@@ -148,42 +136,100 @@ scenario_signin() {
         "$(curl $plain -HHost:evil.example) $(curl $plain)"
 }
 
-# Eight clients against one device, packages of 1 KiB to 64 MiB at full speed
-# and rate-limited, all at once, then one every 0.4 s (the biggest first),
-# while a poller asks for progress and the lock state. Each time exactly one
-# package is installed, its client answered 200, its log whole; every other
-# client gets the busy answer; then the device reboots. The fakes' timeline:
-# never two installers at once, never a reboot during one.
+# Each round and fault row below on a device of its own, all at once: most of
+# their time is the program's pause after a success.
 scenario_race() {
-    fakes installer-delay=1
-    local sizes=(1 48 100 1024 4096 16384 32768 65536) rates=(0 32K 0 1M 0 8M 0 16M) round k winner log
-    for round in together staggered; do
-        rm -f "$ROOT"/code.* && progress >/dev/null
-        while :; do progress >/dev/null && lock_state && echo; done >"$ROOT/polls" 2>&1 &
-        local poller=$!
-        for k in {0..7}; do head -c $((sizes[k] << 10)) /dev/urandom >"$ROOT/pkg.$k"; done
-        for k in $([ "$round" = together ] && echo {0..7} || echo {7..0}); do
-            page --max-time 60 --limit-rate "${rates[k]}" -o "$ROOT/answer.$k" -w '%{http_code}' \
-                -F "package=@$ROOT/pkg.$k;filename=fw.pkg" "$CGI" >"$ROOT/code.$k" &
-            [ "$round" = together ] || sleep 0.4
-        done
-        wait_for 60 eval '[ "$(grep -l . "$ROOT"/code.* | wc -l)" = 8 ]'
-        wait_for 20 recorded '^reboot'
-        kill "$poller" && wait "$poller"
-        winner=$(grep -lx 200 "$ROOT"/code.* | sed 's/.*\.//')
-        check "$round: one client runs the update, seven get the busy answer" "1 7" \
-            "$(grep -lx 200 "$ROOT"/code.* | wc -l) $(grep -lx 'update already in progress, please retry later.' "$ROOT"/answer.* | wc -l)"
-        check "$round: its package installed, nothing else" \
-            "sha256=$(sha256sum <"$ROOT/pkg.${winner:-0}" | cut -d' ' -f1)" "$(grep '^updater' "$ROOT/fake/record" | cut -d' ' -f4)"
-        check "$round: its log whole, after the polls' entries before it" "$SUCCESS" "$(entries \
-            <"$ROOT/tolven-local/updater-cgi.log" | sed 's/^\(\[T:1\] waiting for file \.\.\.<br>\|\[T:10\] receiving package file \.\.\.<br>\)*//')"
-        check "$round: the polls answered, busy while it ran" "" \
-            "$(grep -v -e STATUS_BUSY -e STATUS_FREE "$ROOT/polls"; grep -q STATUS_BUSY "$ROOT/polls" || echo never busy)"
-        sleep 0.5 && device_reboot 1 && rm "$ROOT/fake/record"
-    done
-    check "one installer at a time, no reboot during one" "$(printf 'installer start installer end reboot %.0s' 1 2)" \
-        "$(paste -sd' ' "$ROOT/fake/timeline") "
+    local k=12 name client moment act settings want
+    rm -f "$E2E_WORK"/race.*.out
+    race_round together >"$E2E_WORK/race.10.out" 2>&1 & # on the scenario's device
+    on_own_device 11 race_round staggered
+    while IFS='|' read -r name client moment act settings want; do
+        on_own_device $((k++)) race_row "$name" "$client" "$moment" "$act" "$settings" "$want"
+    done <<'ROWS'
+a reboot request 0 ms after a POST's last bytes: the update or the reboot||body_sent|reboot_request 0||one
+a reboot request 10 ms after: the update or the reboot||body_sent|reboot_request 0.01||one
+a reboot request 30 ms after: the update or the reboot||body_sent|reboot_request 0.03||one
+SIGKILL of the program in the installer: busy, free, one installer||in_installer|kill -KILL "$(pid_of -v)"||503 free 1
+SIGTERM of the program in the installer: busy, free, one installer||in_installer|kill -TERM "$(pid_of -v)"||503 free 1
+SIGKILL of the adaptor in the copy: busy, its reboot, one installer||log_has reassembling|kill -KILL "$(pid_of "")"||503 rebooted 1
+SIGKILL of the adaptor in the installer: busy, its reboot, one installer||in_installer|kill -KILL "$(pid_of "")"||503 rebooted 1
+lighttpd killed in the upload, started again: free|-H Content-Length:4194304|has_upload_file|device_restart||- free 0
+lighttpd killed in the installer, started again: busy, free||in_installer|device_restart|installer-status=1|503 free 1
+ROWS
+    wait
+    cat "$E2E_WORK"/race.*.out | tee "$E2E_WORK/race.all"
+    passed=$((passed + $(grep -c '^ok ' "$E2E_WORK/race.all"))) failed=$((failed + $(grep -c '^FAIL ' "$E2E_WORK/race.all")))
 }
+on_own_device() {  # n function arguments...
+    (if device_init "race.$1" && trap device_stop EXIT && device_start --uid 1000; then "${@:2}"
+    else echo "FAIL $3: no device"; fi) >"$E2E_WORK/race.$1.out" 2>&1 &
+}
+
+# Eight clients against one device, packages of 1 KiB to 64 MiB at full speed
+# and rate-limited, all at once, or one every 0.4 s (the biggest first), while
+# a poller asks for progress and the lock state. Exactly one package is
+# installed, its client answered 200, its log whole; every other client gets
+# the busy answer; then the device reboots.
+race_round() {  # together|staggered
+    fakes installer-delay=1
+    local sizes=(1 48 100 1024 4096 16384 32768 65536) rates=(0 32K 0 1M 0 8M 0 16M) round=$1 k winner poller
+    progress >/dev/null
+    while :; do progress >/dev/null && lock_state && echo; done >"$ROOT/polls" 2>&1 &
+    poller=$!
+    for k in {0..7}; do head -c $((sizes[k] << 10)) /dev/urandom >"$ROOT/pkg.$k"; done
+    for k in $([ "$round" = together ] && echo {0..7} || echo {7..0}); do
+        page --max-time 60 --limit-rate "${rates[k]}" -o "$ROOT/answer.$k" -w '%{http_code}' \
+            -F "package=@$ROOT/pkg.$k;filename=fw.pkg" "$CGI" >"$ROOT/code.$k" &
+        [ "$round" = together ] || sleep 0.4
+    done
+    wait_for 60 eval '[ "$(grep -l . "$ROOT"/code.* | wc -l)" = 8 ]'
+    wait_for 20 recorded '^reboot'
+    kill "$poller" && wait "$poller"
+    winner=$(grep -lx 200 "$ROOT"/code.* | sed 's/.*\.//')
+    check "$round: one client runs the update, seven get the busy answer" "1 7" \
+        "$(grep -lx 200 "$ROOT"/code.* | wc -l) $(grep -lx 'update already in progress, please retry later.' "$ROOT"/answer.* | wc -l)"
+    check "$round: its package installed, nothing else" \
+        "sha256=$(sha256sum <"$ROOT/pkg.${winner:-0}" | cut -d' ' -f1)" "$(grep '^updater' "$ROOT/fake/record" | cut -d' ' -f4)"
+    check "$round: its log whole, after the polls' entries before it" "$SUCCESS" "$(entries \
+        <"$ROOT/tolven-local/updater-cgi.log" | sed 's/^\(\[T:1\] waiting for file \.\.\.<br>\|\[T:10\] receiving package file \.\.\.<br>\)*//')"
+    check "$round: the polls answered, busy while it ran" "" \
+        "$(grep -v -e STATUS_BUSY -e STATUS_FREE "$ROOT/polls"; grep -q STATUS_BUSY "$ROOT/polls" || echo never busy)"
+    check_timeline "$round"
+}
+
+# A reboot request the given seconds after a POST's last bytes; a process of
+# the update killed or stopped (the installer held meanwhile), or lighttpd
+# (the body of the POST in the upload row never ends), then another POST. Its
+# answer, the outcome (free within 5 s of the installer's end, or the
+# update's reboot) and the installers run.
+race_row() {  # name client moment act settings want
+    local got=-
+    fakes installer-hold=1 $5 && package $((2 << 20)) && progress >/dev/null
+    post $2 >"$ROOT/post.code" 2>/dev/null &
+    wait_for 60 $3 && eval "$4"
+    [[ $3 == has_upload_file || $4 == reboot* ]] ||
+        got=$(cd "$ROOT" && page -o /dev/null -w '%{http_code}' -F package=@pkg "$CGI")
+    rm "$ROOT/fake/installer-hold" && wait_for 60 eval '! in_installer'
+    if [[ $6 == *rebooted* ]]; then wait; wait_for 15 recorded '^reboot' && got+=" rebooted"
+    elif [[ $4 != reboot* ]]; then wait_for 5 eval '[ "$(lock_state)" = STATUS_FREE ]' && got+=" free"; fi
+    wait
+    [[ $4 != reboot* ]] || got="$(cat "$ROOT/post.code") $(cat "$ROOT/reboot.code")"
+    got+=" $(cat "$ROOT/fake/record" 2>/dev/null | grep -c '^updater')"
+    [[ $got != @(200 503 1|503 200 0) ]] || got=one
+    check "$1" "$6" "$got"
+    [ "$4" != device_restart ] || check "$1: the next update" "200 yes" \
+        "$(fakes installer-status=0; cd "$ROOT" && page --max-time 60 -w '%{http_code}' -F package=@pkg "$CGI") $(recorded '^reboot' && echo yes)"
+    check_timeline "$1"
+}
+check_timeline() {
+    check "$1: one installer at a time, no reboot during one" "" \
+        "$(echo "$(paste -sd' ' "$ROOT/fake/timeline" 2>/dev/null) " | sed -E 's/(installer start installer end |reboot )//g')"
+}
+pid_of() { local p; for p in $(pgrep -f "$ROOT/server/www/cgi-bin/updater"); do grep -qa $1 cgi-header "/proc/$p/cmdline" && echo "$p"; done; }
+in_installer() { [ "$(tail -n 1 "$ROOT/fake/timeline" 2>/dev/null)" = "installer start" ]; }
+body_sent() { local i; for i in {1..100}; do [ "$(wc -c "$ROOT"/var-tmp/lighttpd-upload-* 2>/dev/null |
+    awk 'END { print $1 + 0 }')" -ge $((2 << 20)) ] || log_has reassembling && return; done; return 1; }
+reboot_request() { sleep "$1" && page -o /dev/null -w '%{http_code}' "$CGI?reboot=1" >"$ROOT/reboot.code"; }
 
 # TLS 1.2 and 1.3 with forward-secret AEAD suites only.
 scenario_tls() {
@@ -212,16 +258,18 @@ scenario_flood() {
 }
 
 # The page in chromium (browser/update_page.test.mjs); this side plays the
-# device's reboot when the program asks for it.
+# device's reboot each time the program asks for one.
 scenario_browser() {
     fakes preupdate-delay=1 installer-delay=3
     package $((16 << 20))
     mkdir -p "$E2E_WORK/artifacts"
     BASE=$BASE AUTH=$AUTH ROOT=$ROOT PACKAGE=$ROOT/pkg ARTIFACTS=$E2E_WORK/artifacts \
         node --test --test-reporter=tap "$E2E_DIR/browser/update_page.test.mjs" &
-    while kill -0 $! 2>/dev/null && ! recorded '^reboot'; do sleep 0.1; done
-    recorded '^reboot' && sleep 0.5 && device_reboot 3 # after the program's last steps
-    wait $!
+    local node=$! reboots=0
+    while kill -0 $node 2>/dev/null && sleep 0.1; do # after the program's last steps
+        [ "$(cat "$ROOT/fake/record" 2>/dev/null | grep -c '^reboot')" -le $reboots ] || { ((++reboots)) && sleep 0.5 && device_reboot 3; }
+    done
+    wait $node
     check "the browser test passes" 0 $?
 }
 

@@ -16,7 +16,7 @@ check_true() { if "${@:2}"; then check "$1" yes yes; else check "$1" yes no; fi;
 finish() { echo "$passed passed, $failed failed" && [ "$failed" -eq 0 ]; }
 
 # A fresh device root under E2E_WORK with updates enabled and instant fakes.
-device_init() { ROOT=$E2E_WORK/$1 && rm -rf "$ROOT" && mkdir -p "$ROOT/fake" && echo true >"$ROOT/fake/uci-value"; }
+device_init() { ROOT=$E2E_WORK/$1 && rm -rf "$ROOT" && mkdir -p "$ROOT/fake" && echo true >"$ROOT/fake/uci-value" && "$E2E_DIR/device-status" "$ROOT"; }
 # DEVICE_NETNS: lighttpd runs in that network namespace.
 in_netns() { if [ -n "${DEVICE_NETNS:-}" ]; then ip netns exec "$DEVICE_NETNS" "$@"; else "$@"; fi; }
 device_start() {  # [device-lighttpd options...]
@@ -26,16 +26,24 @@ device_start() {  # [device-lighttpd options...]
     PLAIN=$(cat "$ROOT/server/plain-url") CACERT=$ROOT/server/cert.pem PIN=$(cat "$ROOT/server/pin")
 }
 device_stop() { in_netns "$E2E_DIR/device-lighttpd" --root "$ROOT" --stop; }
-# What a reboot does: the server goes away, the volatile /var/log, /tmp and
-# /var/tmp are emptied, /tolven/local stays.
+# What a reboot does: the server goes away, the volatile /var/log, /tmp,
+# /var/tmp and /run/updater are emptied, /tolven/local stays; the boot writes
+# the device status document.
 device_reboot() {  # seconds down
-    device_stop && rm -rf "${ROOT:?}"/var-log/* "$ROOT"/tmp/* "$ROOT"/var-tmp/*
+    device_stop && rm -rf "${ROOT:?}"/var-log/* "$ROOT"/tmp/* "$ROOT"/var-tmp/* "$ROOT"/run-updater/*
+    "$E2E_DIR/device-status" "$ROOT"
+    sleep "${1:-2}" && device_start_again
+}
+# lighttpd killed and started again, as systemd does; its CGIs go on.
+device_restart() { kill -KILL "$(cat "$ROOT/server/lighttpd.pid")" && wait_for 5 eval '! kill -0 "$(cat "$ROOT/server/lighttpd.pid")" 2>/dev/null' && device_start_again; }
+device_start_again() {
     local https plain
     https=$(cat "$ROOT/server/url") plain=$(cat "$ROOT/server/plain-url")
-    sleep "${1:-2}" && device_start "${DEVICE_ARGS[@]}" --port "${https##*:}" --plain-port "${plain##*:}"
+    device_start "${DEVICE_ARGS[@]}" --port "${https##*:}" --plain-port "${plain##*:}"
 }
 
-page() { curl -sS --http1.1 --max-time 20 --cacert "$CACERT" --digest -u "$AUTH" -H 'X-Updater-Page: 1' "$@"; }
+# curl's own choice of HTTP version, as a user's curl makes it.
+page() { curl -sS --max-time 20 --cacert "$CACERT" --digest -u "$AUTH" -H 'X-Updater-Page: 1' "$@"; }
 progress() { page "$CGI?request=1"; }
 lock_state() { page "$CGI?status=1"; }
 # A random package in ROOT/pkg, and what the installer fake records of it.
@@ -46,7 +54,7 @@ package() {  # bytes
 # Posts ROOT/pkg as the page does and prints the status. In the background
 # only: the job becomes curl itself, so that $! is curl's pid.
 post() {  # curl options...
-    exec curl -sS --http1.1 --max-time 180 --cacert "$CACERT" --digest -u "$AUTH" -H 'X-Updater-Page: 1' -o "$ROOT/post.body" \
+    exec curl -sS --max-time 180 --cacert "$CACERT" --digest -u "$AUTH" -H 'X-Updater-Page: 1' -o "$ROOT/post.body" \
         -w '%{http_code}' "$@" -F "package=@$ROOT/pkg;filename=fw.pkg" "$CGI"
 }
 

@@ -4,6 +4,5 @@
 . /run/fakes/record.sh
 record preupdate.sh "$@"
 sleep "$(setting preupdate-delay 0)"
-i=0
-while [ -e "$fake_dir/preupdate-hold" ] && [ $((i += 1)) -le 2400 ]; do sleep 0.05; done
+hold preupdate
 exit 0

@@ -13,3 +13,8 @@ mark() { printf '%s\n' "$*" >>"$fake_dir/timeline"; }
 setting() {
     if [ -f "$fake_dir/$1" ]; then cat "$fake_dir/$1"; else printf '%s' "$2"; fi
 }
+# Waits while the test holds the fake (DIR/fake/NAME-hold), at most 2 min.
+hold() {
+    i=0
+    while [ -e "$fake_dir/$1-hold" ] && [ $((i += 1)) -le 2400 ]; do sleep 0.05; done
+}

@@ -10,7 +10,8 @@
 # served; before that update, two power cuts (in the installer, and in the
 # pause after the success entry) and the cable pulled for 30 s during an
 # upload, each checked as the reliability campaign does
-# (tests/reliability/device.sh), and the update is their next update. A
+# (tests/reliability/device.sh), and lighttpd killed during an update and
+# started again by systemd; the update is their next update. A
 # client pinned to another key sends nothing. An invalid package
 # then ends in the installer's error, without a reboot, the firmware
 # unchanged. All over HTTPS; the plain port only redirects.
@@ -74,6 +75,16 @@ check "firmware 1.5 is installed" 1.5 "$(firmware)"
 CLIENT_BIN=$client "$src/tests/reliability/device.sh" --run "$run" --cuts 2 --phases install,pause --outages 30 \
     --no-next >"$work/campaign.log" 2>&1
 check "power cuts and a lost link: the device whole and truthful (build/device-test/work/campaign.log)" 0 $?
+
+# lighttpd dies during an update, as in a crash (the package's hook kills
+# it, then refuses the package): systemd starts it again, the update's end
+# frees the device without a reboot, and the next update succeeds.
+"$here/make-package" 1.9 $((48 * 1024)) "$work/firmware-1.9-kill.tar" kill-server
+booted=$(boots)
+check "lighttpd killed during an update: its client's connection is lost" 000 \
+    "$(page --max-time 120 -o /dev/null -w '%{http_code}' -F "package=@$work/firmware-1.9-kill.tar" "$CGI")"
+check_true "lighttpd started again by systemd, the device free" wait_for 120 eval '[ "$(lock_state)" = STATUS_FREE ]'
+check "no reboot, firmware 1.5 still installed" "$booted 1.5" "$(boots) $(firmware)"
 
 # Two update-device runs at once, as from two production-line stations, with
 # a package that lighttpd keeps in memory (no poll takes the lock for it):

@@ -224,8 +224,9 @@ test("the page's other states", {timeout: 400000, skip: device}, async (t) => {
     await withPage(signedInAt(through.url), async (first, context) => {
         await first.goto(through.url + '/update/');
         for (const [name, act, ...texts] of states) await t.test(name, async () => {
-            const page = (await act(first, context, through)) || first;
-            await sees(page, ...texts).catch(async (e) => assert.fail(`${e.message}\nshown: ${await page.innerText('main')}`));
+            let page = first;
+            await act(first, context, through).then((other) => sees(page = other || first, ...texts))
+                .catch(async (e) => assert.fail(`${e.message}\nshown: ${await page.innerText('main')}`));
             await accessible(page, name);
         });
     }).finally(through.close);

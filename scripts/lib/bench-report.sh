@@ -133,7 +133,7 @@ END {
             ">= 0.95", verdict(r >= 0.95));
     r = get("client_upload", "tls_ratio");
     if (r != "")
-        row("upload of a 256 MiB package over HTTPS against plain HTTP, update-device, same lighttpd",
+        row("upload of a 192 MiB package over HTTPS against plain HTTP, update-device, same lighttpd",
             fmt("%.0f MB/s", get("client_upload", "tls_MBps")),
             fmt("plain HTTP %.0f MB/s", get("client_upload", "plain_MBps")), fmt("%.2f", r),
             ">= 0.8", verdict(r >= 0.8));

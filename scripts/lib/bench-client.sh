@@ -57,7 +57,7 @@ body_seconds() {  # command...
 
 # TLS's cost: 192 MiB, the largest package the rig's device takes, uncapped.
 tls_bytes=$((192 << 20))
-head -c "$tls_bytes" /dev/urandom >"$ROOT/pkg-256"
+head -c "$tls_bytes" /dev/urandom >"$ROOT/pkg-tls"
 client=() curl_side=() ratios=() tls=() plain=() tls_ratios=()
 upload() {  # base-url package [update-device options...]
     UPDATE_DEVICE_PASSWORD=${AUTH#*:} body_seconds "$tree/src/client/update-device" \
@@ -67,11 +67,11 @@ for _ in $(seq "$pairs"); do
     c=$(upload "$BASE" "$pkg" --limit-rate "$rate")
     r=$(body_seconds curl -sS --http1.1 --cacert "$CACERT" -o /dev/null --limit-rate "$rate" --digest -u "$AUTH" \
         -H 'X-Updater-Page: 1' -F "package=@$pkg" "$CGI")
-    t=$(upload "$BASE" "$ROOT/pkg-256") p=$(upload "$PLAIN" "$ROOT/pkg-256")
+    t=$(upload "$BASE" "$ROOT/pkg-tls") p=$(upload "$PLAIN" "$ROOT/pkg-tls")
     client+=("$c") curl_side+=("$r") ratios+=("$(awk -v c="$c" -v r="$r" 'BEGIN { print r / c }')")
     tls+=("$t") plain+=("$p") tls_ratios+=("$(awk -v t="$t" -v p="$p" 'BEGIN { print p / t }')")
 done
-rm -f "$pkg" "$ROOT/pkg-256"
+rm -f "$pkg" "$ROOT/pkg-tls"
 median() { printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
 echo "client_upload client_MBps=$(awk -v s="$(median "${client[@]}")" -v b="$bytes" 'BEGIN { printf "%.0f", b / s / 1e6 }')" \
     "curl_MBps=$(awk -v s="$(median "${curl_side[@]}")" -v b="$bytes" 'BEGIN { printf "%.0f", b / s / 1e6 }')" \
